@@ -1,0 +1,48 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
+# Compiler flags shared by every target, and helpers for programs and tests.
+
+add_library(larimo_options INTERFACE)
+target_compile_options(larimo_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wformat=2 -Wshadow -Wnon-virtual-dtor -Wimplicit-fallthrough)
+if(LARIMO_WERROR)
+  target_compile_options(larimo_options INTERFACE -Werror)
+endif()
+if(LARIMO_SANITIZE)
+  target_compile_options(larimo_options INTERFACE
+    -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+  target_link_options(larimo_options INTERFACE -fsanitize=address,undefined)
+endif()
+if(LARIMO_BUILD_FUZZ)
+  # Coverage for libFuzzer in every library the fuzz targets link.
+  target_compile_options(larimo_options INTERFACE
+    -fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer)
+  target_link_options(larimo_options INTERFACE -fsanitize=address,undefined)
+endif()
+
+# larimo_add_program(NAME SOURCES ... LIBS ...): a program staged in the app folder.
+function(larimo_add_program name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE larimo_options ${ARG_LIBS})
+  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${LARIMO_APP_DIR}")
+  install(TARGETS ${name} RUNTIME DESTINATION .)
+endfunction()
+
+# larimo_add_test(NAME LABEL label SOURCES ... LIBS ...): one GoogleTest program,
+# each test case registered with CTest under the given label.
+function(larimo_add_test name)
+  cmake_parse_arguments(ARG "" "LABEL;TIMEOUT" "SOURCES;LIBS" ${ARGN})
+  if(NOT ARG_LABEL)
+    set(ARG_LABEL unit)
+  endif()
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 120)
+  endif()
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE larimo_options GTest::gtest GTest::gmock GTest::gtest_main ${ARG_LIBS})
+  target_compile_definitions(${name} PRIVATE
+    LARIMO_SOURCE_DIR="${CMAKE_SOURCE_DIR}" LARIMO_APP_DIR="${LARIMO_APP_DIR}")
+  gtest_discover_tests(${name}
+    DISCOVERY_MODE PRE_TEST
+    PROPERTIES LABELS ${ARG_LABEL} TIMEOUT ${ARG_TIMEOUT})
+endfunction()
