@@ -11,6 +11,9 @@
 #include <cstdint>
 #include <string>
 #include <type_traits>
+#include <vector>
+
+#include "platform/LocalTime.h"
 
 #if defined(__GNUC__)
 #define LARIMO_PRINTF(fmtIndex, firstArg) __attribute__((format(printf, fmtIndex, firstArg)))
@@ -37,6 +40,16 @@ bool LogOpen(const std::string& fileName, bool timestamps, bool threadIds, bool 
 
 /// Writes the "Application started on ..." box.
 bool LogStartBanner();
+
+/// The lines LogStartBanner writes for `text`: a box of three lines, one line framed by empty
+/// lines in semicolon mode, or nothing for a text too long to frame. Any thread.
+std::vector<std::string> LogBannerLines(const std::string& text, bool semicolonMode);
+
+using LogClockSource = LocalTime (*)();
+using LogThreadIdSource = unsigned (*)();
+/// Replaces where records take the local time and the thread id from (tests pin both); a null
+/// source restores the system's. Call while no other thread logs.
+void LogSetSources(LogClockSource clock, LogThreadIdSource threadId);
 
 bool LogInfo(const char* format, ...) LARIMO_PRINTF(1, 2);
 bool LogText(const char* format, ...) LARIMO_PRINTF(1, 2);
