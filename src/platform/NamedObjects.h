@@ -35,6 +35,7 @@ constexpr uint32_t kErrorInvalidHandle = 6;
 constexpr uint32_t kErrorNotOwner = 288;
 constexpr uint32_t kErrorAlreadyExists = 183;
 constexpr uint32_t kErrorInvalidParameter = 87;
+constexpr uint32_t kErrorNoSystemResources = 1450; // object, handle or process table full
 
 /// Creates the named mutex, owned by the calling thread when `initialOwner` is set. If a mutex
 /// of that name already exists, returns a handle to it without taking ownership and sets the
