@@ -31,7 +31,7 @@ endfunction()
 # larimo_add_test(NAME LABEL label SOURCES ... LIBS ...): one GoogleTest program,
 # each test case registered with CTest under the given label.
 function(larimo_add_test name)
-  cmake_parse_arguments(ARG "" "LABEL;TIMEOUT" "SOURCES;LIBS" ${ARGN})
+  cmake_parse_arguments(ARG "" "LABEL;TIMEOUT;RESOURCE_LOCK" "SOURCES;LIBS" ${ARGN})
   if(NOT ARG_LABEL)
     set(ARG_LABEL unit)
   endif()
@@ -42,7 +42,12 @@ function(larimo_add_test name)
   target_link_libraries(${name} PRIVATE larimo_options GTest::gtest GTest::gmock GTest::gtest_main ${ARG_LIBS})
   target_compile_definitions(${name} PRIVATE
     LARIMO_SOURCE_DIR="${CMAKE_SOURCE_DIR}" LARIMO_APP_DIR="${LARIMO_APP_DIR}")
+  set(extra)
+  if(ARG_RESOURCE_LOCK)
+    # Cases that use the same per-user objects (the voice service's names) run one at a time.
+    set(extra RESOURCE_LOCK ${ARG_RESOURCE_LOCK})
+  endif()
   gtest_discover_tests(${name}
     DISCOVERY_MODE PRE_TEST
-    PROPERTIES LABELS ${ARG_LABEL} TIMEOUT ${ARG_TIMEOUT})
+    PROPERTIES LABELS ${ARG_LABEL} TIMEOUT ${ARG_TIMEOUT} ${extra})
 endfunction()

@@ -35,3 +35,12 @@ std::string WithTrailingSlash(std::string_view folder);
 bool EqualsNoCase(std::string_view a, std::string_view b);
 
 } // namespace larimo
+
+namespace larimo {
+
+/// UTF-8 to UTF-16 and back. Invalid UTF-8 sequences become U+FFFD; unpaired surrogates in
+/// UTF-16 become U+FFFD. Any thread.
+std::u16string Utf8ToUtf16(std::string_view text);
+std::string Utf16ToUtf8(std::u16string_view text);
+
+} // namespace larimo

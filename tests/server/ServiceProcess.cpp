@@ -1,0 +1,79 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "ServiceProcess.h"
+
+#include "moipc_cli.h"
+#include "server/moipc_cmds.h"
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+
+namespace larimo::test {
+
+namespace fs = std::filesystem;
+
+ServiceProcess::ServiceProcess(const std::string& configIni)
+{
+    char pattern[] = "/tmp/larimo-app-XXXXXX";
+    m_folder = mkdtemp(pattern);
+    fs::copy_file(fs::path(LARIMO_APP_DIR) / "LarimoServer", Program());
+    if (!configIni.empty())
+        std::ofstream(m_folder / "config.ini") << configIni;
+}
+
+ServiceProcess::~ServiceProcess()
+{
+    if (m_pid > 0)
+        Stop(SIGKILL);
+    std::error_code ignored;
+    fs::remove_all(m_folder, ignored);
+}
+
+pid_t ServiceProcess::Spawn() const
+{
+    const pid_t pid = fork();
+    if (pid == 0) {
+        const std::string program = Program().string();
+        execl(program.c_str(), program.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    return pid;
+}
+
+bool ServiceProcess::Start()
+{
+    m_pid = Spawn();
+    if (m_pid <= 0)
+        return false;
+    return WaitFor(10000, [] { return ConnectToService(kIpcBaseName) != nullptr; });
+}
+
+int ServiceProcess::RunToEnd() const
+{
+    const pid_t pid = Spawn();
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+void ServiceProcess::Signal(int signal) const
+{
+    if (m_pid > 0)
+        kill(m_pid, signal);
+}
+
+int ServiceProcess::Stop(int signal)
+{
+    if (m_pid <= 0)
+        return -1;
+    kill(m_pid, signal);
+    int status = 0;
+    waitpid(m_pid, &status, 0);
+    m_pid = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+} // namespace larimo::test

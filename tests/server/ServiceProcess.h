@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Runs the real LarimoServer from a temporary app folder for multi-process tests.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <thread>
+
+namespace larimo::test {
+
+class ServiceProcess {
+public:
+    /// A fresh app folder holding a copy of the built LarimoServer and `configIni`.
+    explicit ServiceProcess(const std::string& configIni = {});
+    ~ServiceProcess();
+    ServiceProcess(const ServiceProcess&) = delete;
+    ServiceProcess& operator=(const ServiceProcess&) = delete;
+
+    /// Starts the service and waits until it answers (at most 10 s). False if it did not.
+    bool Start();
+    /// Runs a second instance to its end and returns its exit status (-1 on a signal).
+    int RunToEnd() const;
+    /// Sends the signal and reaps the process; returns the exit status, or 128 + signal.
+    int Stop(int signal);
+    void Signal(int signal) const;
+
+    pid_t Pid() const { return m_pid; }
+    const std::filesystem::path& Folder() const { return m_folder; }
+    std::filesystem::path Program() const { return m_folder / "LarimoServer"; }
+
+private:
+    pid_t Spawn() const;
+
+    std::filesystem::path m_folder;
+    pid_t m_pid = -1;
+};
+
+/// Waits for `predicate` up to `ms` milliseconds, checking every 5 ms.
+template <typename Predicate>
+bool WaitFor(int ms, const Predicate& predicate)
+{
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    while (std::chrono::steady_clock::now() < end) {
+        if (predicate())
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return predicate();
+}
+
+} // namespace larimo::test

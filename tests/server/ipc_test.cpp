@@ -1,0 +1,294 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The service link against the real LarimoServer in its own process.
+#include "ServiceProcess.h"
+
+#include "ProgrammState.h"
+#include "ServiceEventThread.h"
+#include "mlog.h"
+#include "moipc_cli.h"
+#include "server/moipc_cmds.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+namespace larimo {
+namespace {
+
+using test::ServiceProcess;
+using test::WaitFor;
+using Clock = std::chrono::steady_clock;
+
+const char* const kConfig = "[sys]\r\nactiveEffect=1\r\nactiveBackSound=-1\r\n"
+                            "[emotics]\r\nnum=3\r\n"
+                            "name_0=Laugh\r\nfile_0=Voices\\Laugh.wav\r\n"
+                            "name_1=Boing\r\nfile_1=Effects\\Boing.wav\r\n"
+                            "name_2=Horn\r\nfile_2=Effects\\Horn.wav\r\n";
+
+std::string ReadFile(const std::filesystem::path& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+class ServiceLinkTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        s_log = std::filesystem::temp_directory_path() / ("larimo-ipc-test-" + std::to_string(getpid()) + ".log");
+        LogOpen(s_log.string(), true, false, false, false, false);
+    }
+    static void TearDownTestSuite() { std::filesystem::remove(s_log); }
+
+    static std::filesystem::path s_log;
+};
+
+std::filesystem::path ServiceLinkTest::s_log;
+
+TEST_F(ServiceLinkTest, OpenWithoutServiceTriesEveryObjectAndReportsTheMissingMapping)
+{
+    IPC ipc(kIpcBaseName);
+    EXPECT_FALSE(ipc.Open());
+    EXPECT_FALSE(ipc.IsOpen());
+    const std::string log = ReadFile(s_log);
+    EXPECT_NE(log.find("Open ipc connection."), std::string::npos);
+    EXPECT_NE(log.find("IPC::Open(): hIsWork=0, hReq=0, hAnsw=0, shmerror=4"), std::string::npos);
+
+    ipc.Close();
+    ipc.Close();
+    EXPECT_FALSE(ipc.IsOpen());
+}
+
+TEST_F(ServiceLinkTest, CommandsRoundTripAndChangeTheServiceState)
+{
+    ServiceProcess service(kConfig);
+    ASSERT_TRUE(service.Start());
+    auto client = ConnectToService(kIpcBaseName);
+    ASSERT_NE(client, nullptr);
+
+    EXPECT_TRUE(client->CliOnStarted());
+    std::vector<std::string> errors;
+    EXPECT_TRUE(client->SrvGetErrors(errors));
+    EXPECT_TRUE(errors.empty());
+
+    std::vector<bool> playing;
+    ASSERT_TRUE(client->EmoticsStatus(playing));
+    EXPECT_EQ(playing, (std::vector<bool>{false, false, false}));
+
+    EXPECT_TRUE(client->EmoticPlay(1));
+    EXPECT_TRUE(client->EmoticPlay(2));
+    playing.clear();
+    ASSERT_TRUE(client->EmoticsStatus(playing));
+    EXPECT_EQ(playing, (std::vector<bool>{false, true, true}));
+
+    EXPECT_TRUE(client->EmoticStop(2));
+    playing.clear();
+    ASSERT_TRUE(client->EmoticsStatus(playing));
+    EXPECT_EQ(playing, (std::vector<bool>{false, true, false}));
+
+    EXPECT_TRUE(client->EmoticStopAll());
+    playing.clear();
+    ASSERT_TRUE(client->EmoticsStatus(playing));
+    EXPECT_EQ(playing, (std::vector<bool>{false, false, false}));
+
+    // The wire layout of the commands with a payload.
+    EXPECT_TRUE(client->EffectSelect(2, "Robot"));
+    EXPECT_TRUE(client->EffectSetActive(kNoSlot));
+    EXPECT_TRUE(client->BackSoundSelect(0, "Rain.wav"));
+    EXPECT_TRUE(client->BackSoundSetVol(0, 55));
+    EXPECT_TRUE(client->BackSoundSetActive(0));
+    EXPECT_TRUE(client->MonitorSet(true));
+    EXPECT_TRUE(client->MonitorSetVol(80));
+    EXPECT_TRUE(client->EmoticSelect(3, "Voices\\Oops.wav"));
+    EXPECT_TRUE(client->SrvUpdate());
+    EXPECT_TRUE(client->SrvGetErrors(errors));
+    EXPECT_TRUE(errors.empty()) << errors.front();
+    EXPECT_TRUE(client->CliOnClose());
+}
+
+TEST_F(ServiceLinkTest, PayloadSizesOnTheWire)
+{
+    ServiceProcess service(kConfig);
+    ASSERT_TRUE(service.Start());
+    IPC ipc(kIpcBaseName);
+    ASSERT_TRUE(ipc.Open());
+
+    ipc.Lock();
+    ipc.ResetData();
+    const uint32_t slot = 2;
+    ipc.Write(&slot, 4);
+    ipc.WriteString("Robot");
+    EXPECT_EQ(ipc.SizeWord(), 16u);
+    ipc.ResetData();
+    const int8_t volume = 40;
+    ipc.Write(&slot, 4);
+    ipc.Write(&volume, 1);
+    EXPECT_EQ(ipc.SizeWord(), 5u);
+    ipc.ResetData();
+    EXPECT_EQ(ipc.SizeWord(), 0u);
+    ipc.Unlock();
+}
+
+TEST_F(ServiceLinkTest, MalformedRequestsAreAnsweredEmptyReportedAndChangeNothing)
+{
+    ServiceProcess service(kConfig);
+    ASSERT_TRUE(service.Start());
+    auto client = ConnectToService(kIpcBaseName);
+    ASSERT_NE(client, nullptr);
+    IPC& ipc = client->Connection();
+
+    const auto send = [&](uint32_t code, const std::vector<uint8_t>& payload, uint32_t sizeWord) {
+        ipc.Lock();
+        ipc.ResetData();
+        if (!payload.empty())
+            ipc.Write(payload.data(), payload.size());
+        ipc.WriteAt(&sizeWord, 4, kIpcSizeWordOffset);
+        const bool answered = ipc.SendMessageW(code);
+        const uint32_t answer = ipc.SizeWord();
+        ipc.Unlock();
+        return std::make_pair(answered, answer);
+    };
+
+    // A slot that is too short, one out of range, a text without its zero, an unknown code,
+    // and a size word beyond the data area.
+    EXPECT_EQ(send(kCmdEmoticPlay, {1, 0}, 2), std::make_pair(true, 0u));
+    EXPECT_EQ(send(kCmdEmoticPlay, {7, 0, 0, 0}, 4), std::make_pair(true, 0u));
+    EXPECT_EQ(send(kCmdEffectSelect, {0, 0, 0, 0, 'A', 0, 'B', 0}, 8), std::make_pair(true, 0u));
+    EXPECT_EQ(send(999, {}, 0), std::make_pair(true, 0u));
+    EXPECT_EQ(send(kCmdEmoticPlay, {0, 0, 0, 0}, 0xFFFFFF00u), std::make_pair(true, 0u));
+
+    std::vector<bool> playing;
+    ASSERT_TRUE(client->EmoticsStatus(playing));
+    EXPECT_EQ(playing, (std::vector<bool>{false, false, false}));
+
+    std::vector<std::string> errors;
+    ASSERT_TRUE(client->SrvGetErrors(errors));
+    ASSERT_EQ(errors.size(), 5u);
+    for (const std::string& error : errors)
+        EXPECT_NE(error.find("malformed"), std::string::npos) << error;
+    errors.clear();
+    ASSERT_TRUE(client->SrvGetErrors(errors));
+    EXPECT_TRUE(errors.empty());
+}
+
+TEST_F(ServiceLinkTest, AShortAnswerGivesOnlyWhatTheSizeWordAllows)
+{
+    ServiceProcess service(kConfig);
+    ASSERT_TRUE(service.Start());
+    IPC ipc(kIpcBaseName);
+    ASSERT_TRUE(ipc.Open());
+    ipc.Lock();
+    ipc.ResetData();
+    const uint16_t two = 0x0102;
+    ipc.Write(&two, 2);
+    uint32_t value = 0;
+    size_t got = 0;
+    ipc.Read(&value, 4, &got);
+    EXPECT_EQ(got, 2u);
+    EXPECT_EQ(value, 0x0102u);
+    ipc.Read(&value, 4, &got);
+    EXPECT_EQ(got, 0u);
+    ipc.Unlock();
+}
+
+TEST_F(ServiceLinkTest, ASendFailsAtOnceWhenTheServiceDiesDuringTheExchange)
+{
+    ServiceProcess service(kConfig);
+    ASSERT_TRUE(service.Start());
+    auto client = ConnectToService(kIpcBaseName);
+    ASSERT_NE(client, nullptr);
+
+    // Frozen, the service takes the request but never answers; then it dies.
+    service.Signal(SIGSTOP);
+    std::thread killer([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        service.Stop(SIGKILL);
+    });
+    const auto start = Clock::now();
+    EXPECT_FALSE(client->EffectSetActive(0));
+    const auto elapsed = Clock::now() - start;
+    killer.join();
+    // Far below the 2000 ms a silent service would cost.
+    EXPECT_LT(elapsed, std::chrono::milliseconds(1500));
+}
+
+TEST_F(ServiceLinkTest, TheServiceRunsOncePerUserAndEndsCleanlyOnSigterm)
+{
+    ServiceProcess service(kConfig);
+    ASSERT_TRUE(service.Start());
+    ServiceProcess second(kConfig);
+    EXPECT_EQ(second.RunToEnd(), 1);
+    EXPECT_EQ(service.Stop(SIGTERM), 0);
+    EXPECT_EQ(ConnectToService(kIpcBaseName), nullptr);
+
+    // After a crash the next service starts without trouble.
+    ServiceProcess again(kConfig);
+    ASSERT_TRUE(again.Start());
+    EXPECT_EQ(again.Stop(SIGKILL), 128 + SIGKILL);
+    ServiceProcess third(kConfig);
+    EXPECT_TRUE(third.Start());
+}
+
+class CountingListener : public ServiceLinkListener {
+public:
+    void ServOnStart() override { ++starts; }
+    void ServOnStop() override { ++stops; }
+    std::atomic<int> starts{0};
+    std::atomic<int> stops{0};
+};
+
+TEST_F(ServiceLinkTest, TheObserverFollowsStartStopCrashAndRestart)
+{
+    ServiceProcess service(kConfig);
+    ASSERT_TRUE(service.Start());
+
+    CountingListener listener;
+    ServState observer(kServStateBaseName);
+    ASSERT_TRUE(observer.ObserverStart(&listener));
+    // Already running: reported at once, before the first pause.
+    EXPECT_TRUE(WaitFor(250, [&] { return listener.starts == 1; }));
+
+    EXPECT_EQ(service.Stop(SIGTERM), 0);
+    EXPECT_TRUE(WaitFor(2000, [&] { return listener.stops == 1; }));
+
+    ASSERT_TRUE(service.Start());
+    EXPECT_TRUE(WaitFor(2000, [&] { return listener.starts == 2; }));
+
+    service.Stop(SIGKILL);
+    EXPECT_TRUE(WaitFor(2000, [&] { return listener.stops == 2; }));
+
+    ASSERT_TRUE(service.Start());
+    EXPECT_TRUE(WaitFor(2000, [&] { return listener.starts == 3; }));
+    observer.ObserverStop();
+    EXPECT_EQ(listener.stops, 2);
+}
+
+TEST_F(ServiceLinkTest, TheEventThreadSeesFunSoundChangesAndEndsWhenTheServiceGoes)
+{
+    ServiceProcess service(kConfig);
+    ASSERT_TRUE(service.Start());
+    auto client = ConnectToService(kIpcBaseName);
+    ASSERT_NE(client, nullptr);
+
+    std::atomic<int> emotics{0};
+    ServiceEventThread events;
+    ASSERT_TRUE(events.Start({[&] { ++emotics; }, nullptr}));
+    EXPECT_TRUE(client->EmoticPlay(0));
+    EXPECT_TRUE(WaitFor(2000, [&] { return emotics == 1; }));
+    EXPECT_TRUE(client->EmoticPlay(0)); // already playing: restarted, no change of state
+    EXPECT_TRUE(client->EmoticStop(0));
+    EXPECT_TRUE(WaitFor(2000, [&] { return emotics == 2; }));
+    events.Stop();
+    EXPECT_FALSE(events.IsRunning());
+}
+
+} // namespace
+} // namespace larimo
