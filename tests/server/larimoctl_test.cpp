@@ -1,0 +1,114 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// larimoctl as a script uses it: exit codes, output, and the settings it leaves behind.
+#include "ServiceProcess.h"
+
+#include "config.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <array>
+#include <cstdio>
+#include <filesystem>
+
+namespace larimo {
+namespace {
+
+namespace fs = std::filesystem;
+
+const char* const kConfig = "[emotics]\nnum=2\nname_0=Laugh\nfile_0=Voices\\Laugh.wav\n"
+                            "name_1=Boing\nfile_1=Effects\\Boing.wav\n"
+                            "[effects]\neff_0=Robot\neff_1=Deep\n";
+
+struct Outcome {
+    int status = -1;
+    std::string output;
+};
+
+class LarimoctlTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        fs::copy_file(fs::path(LARIMO_APP_DIR) / "larimoctl", m_service.Folder() / "larimoctl");
+    }
+
+    Outcome Run(const std::string& arguments)
+    {
+        const std::string command = (m_service.Folder() / "larimoctl").string() + " " + arguments + " 2>&1";
+        Outcome outcome;
+        FILE* pipe = popen(command.c_str(), "r");
+        std::array<char, 512> buffer{};
+        while (fgets(buffer.data(), buffer.size(), pipe) != nullptr)
+            outcome.output += buffer.data();
+        const int status = pclose(pipe);
+        outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return outcome;
+    }
+
+    Config Settings()
+    {
+        Config settings(m_service.Folder().string());
+        settings.LoadAll();
+        return settings;
+    }
+
+    test::ServiceProcess m_service{kConfig};
+};
+
+TEST_F(LarimoctlTest, WithoutTheServiceSettingsChangeAndTheExitSaysSo)
+{
+    EXPECT_EQ(Run("effect 2").status, 1);
+    EXPECT_EQ(Settings().m_activeEffect, 1);
+    EXPECT_EQ(Run("background toggle 3").status, 1);
+    EXPECT_EQ(Settings().m_activeBackSound, 2);
+    EXPECT_EQ(Run("background-volume 3 35").status, 1);
+    EXPECT_EQ(Settings().m_backSounds[2].m_volume, 35);
+    EXPECT_EQ(Run("listen toggle").status, 1);
+    EXPECT_TRUE(Settings().m_monitorOn);
+    EXPECT_EQ(Run("listen-volume 60").status, 1);
+    EXPECT_EQ(Settings().m_monitorVol, 60);
+    EXPECT_EQ(Run("stop-all").status, 1);
+    EXPECT_EQ(Settings().m_activeEffect, -1);
+    EXPECT_EQ(Settings().m_activeBackSound, -1);
+
+    const Outcome status = Run("status");
+    EXPECT_EQ(status.status, 1);
+    EXPECT_NE(status.output.find("Voice service: not running"), std::string::npos) << status.output;
+    EXPECT_EQ(Run("fun 1 play").status, 1);
+}
+
+TEST_F(LarimoctlTest, UsageErrorsChangeNothing)
+{
+    for (const char* bad : {"", "effect", "effect 4", "effect 0", "effect toggle", "background-volume 1 101",
+                            "listen maybe", "fun 3 play", "fun 1 pause", "listen-volume -1", "frobnicate"}) {
+        EXPECT_EQ(Run(bad).status, 2) << bad;
+    }
+    EXPECT_FALSE(fs::exists(m_service.Folder() / "config.ini.tmp"));
+    EXPECT_EQ(Settings().m_activeEffect, -1);
+    const Outcome help = Run("--help");
+    EXPECT_EQ(help.status, 0);
+    EXPECT_NE(help.output.find("background-volume N V"), std::string::npos);
+}
+
+TEST_F(LarimoctlTest, WithTheServiceCommandsReachItAndStatusShowsThem)
+{
+    ASSERT_TRUE(m_service.Start());
+    EXPECT_EQ(Run("effect 1").status, 0);
+    EXPECT_EQ(Run("fun 2 play").status, 0);
+    Outcome status = Run("status");
+    EXPECT_EQ(status.status, 0);
+    EXPECT_NE(status.output.find("Voice service: running"), std::string::npos) << status.output;
+    EXPECT_NE(status.output.find("Voice effect: 1 (Robot)"), std::string::npos) << status.output;
+    EXPECT_NE(status.output.find("Fun sounds playing: 2 (Boing)"), std::string::npos) << status.output;
+
+    EXPECT_EQ(Run("effect toggle 1").status, 0);
+    EXPECT_EQ(Settings().m_activeEffect, -1);
+    EXPECT_EQ(Run("stop-all").status, 0);
+    status = Run("status");
+    EXPECT_NE(status.output.find("Fun sounds playing: none"), std::string::npos) << status.output;
+    EXPECT_EQ(Run("reload").status, 0);
+    EXPECT_EQ(Run("errors").status, 0);
+}
+
+} // namespace
+} // namespace larimo
