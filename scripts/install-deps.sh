@@ -11,6 +11,8 @@ packages=(
   clang libclang-rt-14-dev
   # tests and benchmarks
   googletest libgtest-dev libgmock-dev libbenchmark-dev
+  # WAV decoding and resampling; sox as the reference in the import benchmark
+  libsndfile1-dev libsoxr-dev sox
 )
 
 missing=()
