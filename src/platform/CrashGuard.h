@@ -73,10 +73,11 @@ public:
 
     /// Call for any callable, without allocating.
     template <typename Function>
-    static bool Run(Function& function, ExceptionRecord& record)
+    static bool Run(Function&& function, ExceptionRecord& record)
     {
-        return Call([](void* context) { (*static_cast<Function*>(context))(); },
-                    const_cast<std::remove_const_t<Function>*>(&function), record);
+        using Callable = std::remove_reference_t<Function>;
+        return Call([](void* context) { (*static_cast<Callable*>(context))(); },
+                    const_cast<std::remove_const_t<Callable>*>(&function), record);
     }
 
     /// How many times the handlers had to be put back after a guarded call. Any thread.
