@@ -3,6 +3,8 @@
 // starts from scratch.
 #include "platform/NamedObjects.h"
 
+#include "platform/NamedObjectTable.h"
+
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -298,6 +300,36 @@ TEST(NamedObjectsProcesses, RestartWhileAClientHoldsTheObjectsSeesThemAbandoned)
     CloseObject(ready);
 }
 
+TEST(NamedObjectsProcesses, ProcessDyingInsideTheTableLeavesItRepaired)
+{
+    const std::string name = UniqueName("torn");
+    const ObjHandle event = CreateNamedEvent(name, true, false);
+    ASSERT_NE(event, 0u);
+    Child child;
+    ASSERT_TRUE(child.Fork([&name] {
+        const ObjHandle mine = OpenNamedEvent(name);
+        uint32_t error = 0;
+        NamedObjectTable* table = NamedObjectTable::Get(&error);
+        if (mine == 0 || table == nullptr)
+            return 30;
+        NamedObjectTable::Lock lock(*table);
+        // Half an update: a reference count that matches no holder, then death with the lock.
+        for (ObjectSlot& slot : table->Shared().objects) {
+            if (slot.kind == static_cast<uint32_t>(ObjectKind::Event) && slot.totalRefs == 2)
+                slot.totalRefs = 99;
+        }
+        _exit(0);
+    }));
+    EXPECT_EQ(child.Reap(), 0);
+    // The next user of the table repairs it: counts are rebuilt, the dead holder is dropped,
+    // and the last real handle still ends the object.
+    EXPECT_TRUE(SetNamedEvent(event));
+    EXPECT_EQ(WaitForObject(event, 0), kWaitObject0);
+    EXPECT_TRUE(CloseObject(event));
+    EXPECT_EQ(OpenNamedEvent(name), 0u);
+    EXPECT_EQ(LastObjectError(), kErrorFileNotFound);
+}
+
 TEST(NamedObjectsProcesses, AnotherUserCannotReachTheObjects)
 {
     if (geteuid() != 0)
@@ -306,7 +338,7 @@ TEST(NamedObjectsProcesses, AnotherUserCannotReachTheObjects)
     const ObjHandle mutex = CreateNamedMutex(name, false);
     const ObjHandle mem = CreateNamedMapping(name + "mem", 64);
     ASSERT_NE(mutex, 0u);
-    const std::string table = "/dev/shm/larimo-" + std::to_string(geteuid()) + "-objects-v1";
+    const std::string table = NamedObjectTablePath();
 
     Child stranger;
     ASSERT_TRUE(stranger.Fork([&] {

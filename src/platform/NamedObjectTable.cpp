@@ -26,7 +26,7 @@ namespace {
 constexpr uint32_t kTableMagic = 0x4C4E4F54; // "LNOT"
 // Part of the file name as well: a build with another layout gets a table of its own instead
 // of misreading this one.
-constexpr uint32_t kTableLayout = 1;
+constexpr uint32_t kTableLayout = 2;
 
 static_assert(sizeof(SharedObjectTable) < 8u * 1024u * 1024u, "the table should stay small");
 
@@ -149,7 +149,7 @@ uint32_t MapTableFile(int fd, MappedTable* mapped)
 // halfway leaves only a stray private file.
 uint32_t OpenOrCreateTable(MappedTable* mapped)
 {
-    const std::string path = NamedObjectFilePrefix() + "objects-v" + std::to_string(kTableLayout);
+    const std::string path = NamedObjectTablePath();
     for (int attempt = 0; attempt < 3; ++attempt) {
         const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
         if (fd >= 0) {
@@ -194,11 +194,45 @@ std::mutex g_instanceLock;
 NamedObjectTable* g_instance = nullptr;
 uid_t g_instanceUser = 0;
 
+std::atomic<pid_t> g_pid { 0 };
+// A forked child may change its user before its next call (a helper dropping root).
+std::atomic<bool> g_checkUser { true };
+thread_local pid_t t_tid = 0;
+
+void RefreshIdsInChild()
+{
+    g_pid.store(getpid(), std::memory_order_relaxed);
+    g_checkUser.store(true, std::memory_order_relaxed);
+    t_tid = 0;
+}
+
 } // namespace
 
 std::string NamedObjectFilePrefix()
 {
     return "/dev/shm/larimo-" + std::to_string(geteuid()) + "-";
+}
+
+pid_t NamedObjectPid()
+{
+    pid_t pid = g_pid.load(std::memory_order_relaxed);
+    if (pid == 0) {
+        pid = getpid();
+        g_pid.store(pid, std::memory_order_relaxed);
+    }
+    return pid;
+}
+
+pid_t NamedObjectTid()
+{
+    if (t_tid == 0)
+        t_tid = gettid();
+    return t_tid;
+}
+
+std::string NamedObjectTablePath()
+{
+    return NamedObjectFilePrefix() + "objects-v" + std::to_string(kTableLayout);
 }
 
 uint64_t TaskStartTime(pid_t pid, pid_t tid)
@@ -242,9 +276,14 @@ uint64_t TaskStartTime(pid_t pid, pid_t tid)
 NamedObjectTable* NamedObjectTable::Get(uint32_t* error)
 {
     std::lock_guard<std::mutex> guard(g_instanceLock);
+    static const bool forkHandler = pthread_atfork(nullptr, nullptr, RefreshIdsInChild) == 0;
+    (void)forkHandler;
     // A process that changed its user (a forked child that dropped root) must not keep using
     // the table it inherited: it gets the table of the user it is now. The old one stays
     // mapped, as another thread may still be inside it.
+    if (g_instance != nullptr && !g_checkUser.load(std::memory_order_relaxed))
+        return g_instance;
+    g_checkUser.store(false, std::memory_order_relaxed);
     if (g_instance != nullptr && g_instanceUser == geteuid())
         return g_instance;
     MappedTable mapped;
@@ -305,7 +344,12 @@ void NamedObjectTable::Lock::SleepForChange(int64_t timeoutNs)
 {
     SharedObjectTable& shared = *m_table.m_shared;
     const uint32_t seen = std::atomic_ref<uint32_t>(shared.changeSequence).load(std::memory_order_acquire);
-    ++shared.sleepers;
+    // Without a process slot the sleeper is not counted and relies on its poll interval.
+    const uint32_t process = m_table.OwnProcess();
+    if (process != kNoProcess) {
+        ++shared.processes[process].sleepers;
+        ++shared.sleepers;
+    }
     pthread_mutex_unlock(&shared.lock);
     m_held = false;
     if (t_wakePending) {
@@ -317,21 +361,24 @@ void NamedObjectTable::Lock::SleepForChange(int64_t timeoutNs)
         Futex(&shared.changeSequence, FUTEX_WAIT, seen, &timeout);
     }
     m_held = Acquire();
-    if (m_held && shared.sleepers > 0)
-        --shared.sleepers;
+    // Our slot may have been repaired away meanwhile; then there is nothing to take back.
+    if (m_held && process != kNoProcess && process == m_table.OwnProcess() && shared.processes[process].sleepers > 0) {
+        --shared.processes[process].sleepers;
+        if (shared.sleepers > 0)
+            --shared.sleepers;
+    }
 }
 
 void NamedObjectTable::NotifyChange()
 {
     std::atomic_ref<uint32_t>(m_shared->changeSequence).fetch_add(1, std::memory_order_release);
-    // A sleeper that died leaves the count too high, which costs only a needless wake.
     if (m_shared->sleepers > 0)
         t_wakePending = true;
 }
 
 uint32_t NamedObjectTable::OwnProcess()
 {
-    const pid_t pid = getpid();
+    const pid_t pid = NamedObjectPid();
     if (m_process != kNoProcess && m_processPid == pid) {
         const ProcessSlot& slot = m_shared->processes[m_process];
         if (slot.inUse != 0 && slot.pid == pid)
@@ -373,7 +420,7 @@ int NamedObjectTable::FindByName(std::string_view name)
     if (name.empty() || name.size() >= kMaxObjectNameBytes)
         return -1;
     const uint32_t hash = NameHash(name);
-    const uint32_t self = m_processPid == getpid() ? m_process : kNoProcess;
+    const uint32_t self = m_processPid == NamedObjectPid() ? m_process : kNoProcess;
     for (uint32_t i = 0; i < kMaxNamedObjects; ++i) {
         const ObjectSlot& slot = m_shared->objects[i];
         if (slot.kind == static_cast<uint32_t>(ObjectKind::Free) || slot.nameHash != hash
@@ -474,6 +521,7 @@ void NamedObjectTable::ReleaseProcess(uint32_t process)
         if (slot.totalRefs == 0)
             FreeObject(i);
     }
+    m_shared->sleepers = m_shared->sleepers > holder.sleepers ? m_shared->sleepers - holder.sleepers : 0;
     std::memset(&holder, 0, sizeof holder);
     if (process == m_process)
         m_process = kNoProcess;
@@ -482,7 +530,7 @@ void NamedObjectTable::ReleaseProcess(uint32_t process)
 uint32_t NamedObjectTable::PruneDeadProcesses()
 {
     uint32_t released = 0;
-    const pid_t self = getpid();
+    const pid_t self = NamedObjectPid();
     for (uint32_t p = 0; p < kMaxObjectProcesses; ++p) {
         const ProcessSlot& holder = m_shared->processes[p];
         if (holder.inUse == 0 || holder.pid == self)
@@ -559,6 +607,10 @@ void NamedObjectTable::Repair()
     if (m_process != kNoProcess && m_shared->processes[m_process].pid != m_processPid)
         m_process = kNoProcess;
     PruneDeadProcesses();
+    uint32_t sleepers = 0;
+    for (const ProcessSlot& holder : m_shared->processes)
+        sleepers += holder.inUse != 0 ? holder.sleepers : 0;
+    m_shared->sleepers = sleepers;
     NotifyChange();
 }
 

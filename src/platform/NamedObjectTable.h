@@ -50,6 +50,8 @@ struct ProcessSlot {
     int32_t pid;
     uint32_t inUse;
     uint64_t startTime;
+    uint32_t sleepers;        // its threads now asleep in SleepForChange
+    uint32_t reserved;
 };
 
 struct SharedObjectTable {
@@ -61,12 +63,17 @@ struct SharedObjectTable {
     // it with the lock released, so a waiter that dies leaves nothing behind (a process-shared
     // condition variable would keep a dead waiter's group reference and block broadcasts).
     uint32_t changeSequence;
-    uint32_t sleepers;
+    uint32_t sleepers;        // sum of ProcessSlot::sleepers, so a dead process's go with it
     ProcessSlot processes[kMaxObjectProcesses];
     ObjectSlot objects[kMaxNamedObjects];
     char names[kMaxNamedObjects][kMaxObjectNameBytes];
     uint32_t refs[kMaxNamedObjects][kMaxObjectProcesses];
 };
+
+/// Ids of the calling process and thread, cached (and refreshed in a forked child) because
+/// every operation needs them and a system call is costly in some sandboxes.
+pid_t NamedObjectPid();
+pid_t NamedObjectTid();
 
 /// Start time of a task in clock ticks since boot, or 0 when it no longer runs (gone, zombie).
 /// `tid` 0 asks for the process `pid` as a whole.
@@ -139,5 +146,8 @@ private:
 
 /// The folder of the table and mapping files and the prefix that keeps users apart.
 std::string NamedObjectFilePrefix();
+
+/// The file of the calling user's table.
+std::string NamedObjectTablePath();
 
 } // namespace larimo

@@ -117,8 +117,8 @@ ThreadIdentity CurrentThread()
     // thread (and again in a forked child, whose thread id differs).
     thread_local pid_t cachedTid = 0;
     thread_local uint64_t cachedStart = 0;
-    const pid_t pid = getpid();
-    const pid_t tid = gettid();
+    const pid_t pid = NamedObjectPid();
+    const pid_t tid = NamedObjectTid();
     if (cachedTid != tid) {
         cachedTid = tid;
         cachedStart = TaskStartTime(pid, tid);
@@ -148,7 +148,7 @@ struct OwnerExitHook {
             return;
         NamedObjectTable::Lock lock(*table);
         if (lock.Held())
-            table->AbandonOwnedBy(getpid(), gettid());
+            table->AbandonOwnedBy(NamedObjectPid(), NamedObjectTid());
     }
 };
 
