@@ -1,0 +1,339 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "modb.h"
+
+#include "error.h"
+#include "filltext.h"
+#include "mlog.h"
+#include "texts.h"
+#include "wave.h"
+#include "wintools.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <filesystem>
+#include <mutex>
+#include <optional>
+#include <system_error>
+
+namespace larimo {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct Library {
+    std::string programFolder;
+    std::string effectsFolder;
+    std::string backSoundsFolder;
+    std::string funSoundsFolder;
+    std::mutex lastErrorLock;
+    std::string lastError;
+};
+
+Library& State()
+{
+    static Library library;
+    return library;
+}
+
+void SetLastError(const std::string& text)
+{
+    Library& library = State();
+    const std::lock_guard lock(library.lastErrorLock);
+    library.lastError = text;
+}
+
+[[noreturn]] void Raise(const std::string& text)
+{
+    throw MyError("%s", text.c_str());
+}
+
+// A settings name made a path relative to `folder` ("Animals\Cat.wav" -> "Animals/Cat.wav").
+// Null for an empty name and for one that leads out of the folder ("..\config.ini").
+std::optional<std::string> RelativeInFolder(const std::string& folder, const std::string& name)
+{
+    if (name.empty() || folder.empty())
+        return std::nullopt;
+    const std::string full = SettingsPathToFs(name, folder);
+    if (full.size() <= folder.size() || full.compare(0, folder.size(), folder) != 0)
+        return std::nullopt;
+    return full.substr(folder.size());
+}
+
+// The existing entry that `relative` names below `folder`, each step matched without regard
+// to case when there is no exact match.
+std::optional<fs::path> FindNoCase(const std::string& folder, const std::string& relative)
+{
+    fs::path current(folder);
+    std::error_code ec;
+    for (const fs::path& part : fs::path(relative)) {
+        if (part.empty() || part == "/")
+            continue;
+        const fs::path exact = current / part;
+        if (fs::exists(fs::symlink_status(exact, ec))) {
+            current = exact;
+            continue;
+        }
+        std::optional<fs::path> match;
+        fs::directory_iterator entries(current, ec);
+        if (ec)
+            return std::nullopt;
+        for (const auto& entry : entries) {
+            if (EqualsNoCase(entry.path().filename().string(), part.string())) {
+                match = entry.path();
+                break;
+            }
+        }
+        if (!match)
+            return std::nullopt;
+        current = *match;
+    }
+    return current;
+}
+
+std::string PathInFolder(const std::string& folder, const std::string& name)
+{
+    const auto relative = RelativeInFolder(folder, name);
+    if (!relative)
+        return folder + name;
+    if (const auto found = FindNoCase(folder, *relative))
+        return found->string();
+    return folder + *relative;
+}
+
+bool ExistsInFolder(const std::string& folder, const std::string& name)
+{
+    const auto relative = RelativeInFolder(folder, name);
+    if (!relative)
+        return false;
+    const auto found = FindNoCase(folder, *relative);
+    std::error_code ec;
+    return found && fs::is_regular_file(*found, ec);
+}
+
+std::string FileNamePart(const std::string& path)
+{
+    return fs::path(path).filename().string();
+}
+
+// Checks the source, then converts and stores it; on failure the reason becomes the last
+// library error.
+bool ImportSound(const std::string& sourcePath, const std::string& destinationPath)
+{
+    const unsigned usable = WaveCanUse(sourcePath);
+    if (usable != kWaveSuccess) {
+        SetLastError(FillText(250, WaveErrorText(usable).c_str(), sourcePath.c_str()));
+        return false;
+    }
+    try {
+        return LibImportWave(sourcePath, destinationPath);
+    } catch (const MyError& error) {
+        SetLastError(error.Text());
+        return false;
+    }
+}
+
+bool DeleteSound(const std::string& folder, const std::string& name, unsigned kindTextId)
+{
+    try {
+        if (!RelativeInFolder(folder, name))
+            Raise(FillText(242, GetText(kindTextId).c_str(), name.c_str(), unsigned{EINVAL}));
+        return LibDeleteFile(PathInFolder(folder, name), GetText(kindTextId));
+    } catch (const MyError& error) {
+        SetLastError(error.Text());
+        return false;
+    }
+}
+
+} // namespace
+
+void LibInit(const std::string& programFolder)
+{
+    Library& library = State();
+    library.programFolder = WithTrailingSlash(programFolder);
+    if (!library.programFolder.empty() && library.programFolder.back() == '\\')
+        library.programFolder.back() = '/';
+    library.effectsFolder = library.programFolder + "effects/";
+    library.backSoundsFolder = library.programFolder + "backsounds/";
+    library.funSoundsFolder = library.programFolder + "emoticsounds/";
+}
+
+const std::string& LibProgramFolder()
+{
+    return State().programFolder;
+}
+
+const std::string& LibEffectsFolder()
+{
+    return State().effectsFolder;
+}
+
+const std::string& LibBackSoundsFolder()
+{
+    return State().backSoundsFolder;
+}
+
+const std::string& LibFunSoundsFolder()
+{
+    return State().funSoundsFolder;
+}
+
+std::string LibBackSoundPath(const std::string& name)
+{
+    return PathInFolder(LibBackSoundsFolder(), name);
+}
+
+bool LibBackSoundExists(const std::string& name)
+{
+    return ExistsInFolder(LibBackSoundsFolder(), name);
+}
+
+bool LibImportBackSound(const std::string& sourcePath)
+{
+    LogEnter("LibImportBackSound", "\"%s\"", sourcePath.c_str());
+    const std::string name = FileNamePart(sourcePath);
+    bool result = false;
+    if (LibBackSoundExists(name))
+        SetLastError(FillText(247, name.c_str()));
+    else
+        result = ImportSound(sourcePath, LibBackSoundsFolder() + name);
+    LogLeaveResult("LibImportBackSound", result);
+    return result;
+}
+
+bool LibDeleteBackSound(const std::string& name)
+{
+    LogEnter("LibDeleteBackSound", "\"%s\"", name.c_str());
+    const bool result = DeleteSound(LibBackSoundsFolder(), name, 248);
+    LogLeaveResult("LibDeleteBackSound", result);
+    return result;
+}
+
+std::vector<std::string> LibListBackSounds()
+{
+    std::vector<std::string> names;
+    std::error_code ec;
+    fs::directory_iterator entries(LibBackSoundsFolder(), ec);
+    if (ec)
+        return names;
+    for (const auto& entry : entries) {
+        if (!entry.is_regular_file(ec))
+            continue;
+        const fs::path& path = entry.path();
+        if (EqualsNoCase(path.extension().string(), ".wav"))
+            names.push_back(path.filename().string());
+    }
+    std::sort(names.begin(), names.end(), [](const std::string& a, const std::string& b) {
+        return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
+            return std::tolower(static_cast<unsigned char>(x)) < std::tolower(static_cast<unsigned char>(y));
+        });
+    });
+    return names;
+}
+
+std::string LibFunSoundPath(const std::string& relativePath)
+{
+    return PathInFolder(LibFunSoundsFolder(), relativePath);
+}
+
+bool LibFunSoundExists(const std::string& relativePath)
+{
+    return ExistsInFolder(LibFunSoundsFolder(), relativePath);
+}
+
+bool LibImportFunSound(const std::string& sourcePath, const std::string& group)
+{
+    LogEnter("LibImportFunSound", "\"%s\", \"%s\"", sourcePath.c_str(), group.c_str());
+    std::string relative = group;
+    if (!relative.empty() && relative.back() != '\\' && relative.back() != '/')
+        relative += '\\';
+    relative += FileNamePart(sourcePath);
+
+    bool result = false;
+    const auto inFolder = RelativeInFolder(LibFunSoundsFolder(), relative);
+    if (!inFolder)
+        SetLastError(FillText(250, GetText(140).c_str(), relative.c_str()));
+    else if (LibFunSoundExists(relative))
+        SetLastError(FillText(249, relative.c_str()));
+    else
+        result = ImportSound(sourcePath, LibFunSoundsFolder() + *inFolder);
+    LogLeaveResult("LibImportFunSound", result);
+    return result;
+}
+
+bool LibDeleteFunSound(const std::string& relativePath)
+{
+    LogEnter("LibDeleteFunSound", "\"%s\"", relativePath.c_str());
+    const bool result = DeleteSound(LibFunSoundsFolder(), relativePath, 251);
+    LogLeaveResult("LibDeleteFunSound", result);
+    return result;
+}
+
+bool LibImportWave(const std::string& sourcePath, const std::string& destinationPath)
+{
+    LogEnter("LibImportWave", "\"%s\", \"%s\"", sourcePath.c_str(), destinationPath.c_str());
+    const std::string temporaryPath = LibProgramFolder() + "tmp.wav";
+    {
+        Wave wave;
+        const unsigned read = wave.ReadFromFile(sourcePath);
+        if (read != kWaveSuccess)
+            Raise(FillText(250, WaveErrorText(read).c_str(), sourcePath.c_str()));
+        const unsigned converted = wave.ConvertToOneChanel16Bit();
+        if (converted != 0)
+            Raise(WaveConvertFailureText(wave.Format(), converted));
+        if (wave.WriteToFile(temporaryPath) != kWaveSuccess)
+            Raise(GetText(256));
+    }
+    std::error_code ec;
+    const fs::path destination(destinationPath);
+    if (destination.has_parent_path())
+        fs::create_directories(destination.parent_path(), ec);
+    // A rename within one file system swaps the finished file in at once.
+    if (!ec)
+        fs::rename(temporaryPath, destination, ec);
+    if (ec) {
+        std::error_code ignored;
+        fs::remove(temporaryPath, ignored);
+        Raise(FillText(254, static_cast<unsigned>(ec.value())));
+    }
+    LogLeaveResult("LibImportWave", true);
+    return true;
+}
+
+bool LibDeleteFile(const std::string& path, const std::string& kind)
+{
+    LogEnter("LibDeleteFile", "\"%s\", \"%s\"", path.c_str(), kind.c_str());
+    std::error_code ec;
+    // Only files: a group folder must never go this way.
+    if (fs::is_directory(fs::symlink_status(path, ec)))
+        Raise(FillText(242, kind.c_str(), path.c_str(), unsigned{EISDIR}));
+    fs::permissions(path, fs::perms::owner_write, fs::perm_options::add, ec);
+    if (ec)
+        Raise(FillText(241, path.c_str(), static_cast<unsigned>(ec.value())));
+    if (!fs::remove(path, ec))
+        Raise(FillText(242, kind.c_str(), path.c_str(), static_cast<unsigned>(ec ? ec.value() : ENOENT)));
+    LogLeaveResult("LibDeleteFile", true);
+    return true;
+}
+
+std::string LibBaseName(const std::string& path)
+{
+    const auto slash = path.find_last_of("/\\");
+    std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+    const auto dot = name.find_last_of('.');
+    if (dot != std::string::npos && dot > 0)
+        name.resize(dot);
+    if (!name.empty())
+        name[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(name[0])));
+    return name;
+}
+
+std::string LibGetLastError()
+{
+    Library& library = State();
+    const std::lock_guard lock(library.lastErrorLock);
+    return library.lastError;
+}
+
+} // namespace larimo
