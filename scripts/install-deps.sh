@@ -13,6 +13,8 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   # WAV decoding and resampling; sox as the reference in the import benchmark
   libsndfile1-dev libsoxr-dev sox
+  # sound generation (scripts/make-sounds.sh)
+  sox espeak-ng
 )
 
 missing=()
