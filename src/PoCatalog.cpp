@@ -296,7 +296,8 @@ private:
                 break;
             }
             if (c != '\\') {
-                out += c;
+                if (!AppendByte(static_cast<unsigned char>(c), out))
+                    return false;
                 continue;
             }
             if (i >= rest.size())

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace larimo {
@@ -99,7 +100,7 @@ TEST(PoCatalog, ReadsEveryPartOfTheSyntax)
 
 struct BadPo {
     const char* name;
-    const char* content;
+    std::string_view content;
     unsigned line;
     const char* message;
 };
@@ -130,6 +131,7 @@ INSTANTIATE_TEST_SUITE_P(
         BadPo{"BadEscape", "msgid \"a\\q\"\nmsgstr \"\"\n", 1, "escape"},
         BadPo{"HexWithoutDigits", "msgid \"a\\xZ\"\nmsgstr \"\"\n", 1, "hexadecimal"},
         BadPo{"Nul", "msgid \"a\\0b\"\nmsgstr \"\"\n", 1, "NUL"},
+        BadPo{"RawNul", std::string_view("msgid \"a\0b\"\nmsgstr \"\"\n", 22), 1, "NUL"},
         BadPo{"OctalTooBig", "msgid \"a\\777\"\nmsgstr \"\"\n", 1, "octal"},
         BadPo{"TextAfterQuote", "msgid \"a\" x\nmsgstr \"\"\n", 1, "after the closing quote"},
         BadPo{"LooseString", "\"a\"\nmsgid \"a\"\nmsgstr \"\"\n", 1, "belongs to no keyword"},
