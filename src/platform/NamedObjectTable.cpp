@@ -11,7 +11,10 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cstdlib>
+#include <string_view>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -210,7 +213,18 @@ void RefreshIdsInChild()
 
 std::string NamedObjectFilePrefix()
 {
-    return "/dev/shm/larimo-" + std::to_string(geteuid()) + "-";
+    // LARIMO_OBJECT_NAMESPACE gives a separate world of objects, so that tests can run a
+    // service of their own beside the user's real one.
+    std::string prefix = "/dev/shm/larimo-" + std::to_string(geteuid()) + "-";
+    if (const char* space = std::getenv("LARIMO_OBJECT_NAMESPACE"); space != nullptr && *space != '\0') {
+        const std::string_view name(space);
+        const bool plain = name.size() <= 32 && std::all_of(name.begin(), name.end(), [](char c) {
+            return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
+        });
+        if (plain)
+            prefix += std::string(name) + "-";
+    }
+    return prefix;
 }
 
 pid_t NamedObjectPid()

@@ -38,6 +38,12 @@ private:
     pid_t m_pid = -1;
 };
 
+/// Gives this test process, and every service it starts, named objects of their own, apart
+/// from a real voice service the user may be running. Call before the first object is used.
+void UsePrivateObjectNamespace();
+/// Removes the files of that namespace; call when every object is closed.
+void RemovePrivateObjectNamespace();
+
 /// Waits for `predicate` up to `ms` milliseconds, checking every 5 ms.
 template <typename Predicate>
 bool WaitFor(int ms, const Predicate& predicate)

@@ -43,10 +43,15 @@ class ServiceLinkTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite()
     {
+        test::UsePrivateObjectNamespace();
         s_log = std::filesystem::temp_directory_path() / ("larimo-ipc-test-" + std::to_string(getpid()) + ".log");
         LogOpen(s_log.string(), true, false, false, false, false);
     }
-    static void TearDownTestSuite() { std::filesystem::remove(s_log); }
+    static void TearDownTestSuite()
+    {
+        std::filesystem::remove(s_log);
+        test::RemovePrivateObjectNamespace();
+    }
 
     static std::filesystem::path s_log;
 };

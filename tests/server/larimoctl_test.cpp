@@ -27,6 +27,9 @@ struct Outcome {
 
 class LarimoctlTest : public ::testing::Test {
 protected:
+    static void SetUpTestSuite() { test::UsePrivateObjectNamespace(); }
+    static void TearDownTestSuite() { test::RemovePrivateObjectNamespace(); }
+
     void SetUp() override
     {
         fs::copy_file(fs::path(LARIMO_APP_DIR) / "larimoctl", m_service.Folder() / "larimoctl");
