@@ -19,7 +19,7 @@ struct SoundDecoder::Image {
 
 struct SoundDecoder::Handle {
     struct Closer {
-        void operator()(SNDFILE* file) const { sf_close(file); }
+        void operator()(SNDFILE* open) const { sf_close(open); }
     };
     std::unique_ptr<SNDFILE, Closer> file;
 };
