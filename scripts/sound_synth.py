@@ -814,6 +814,8 @@ def gen_check(args):
                     problems.append("%s: a fun sound belongs in a group folder" % rel)
                 else:
                     groups.add(parts[1])
+            if not all(p[:1].isupper() for p in parts[1:]):
+                problems.append("%s: group and file names start with a capital letter" % rel)
     print("total %d bytes (%.2f MiB) in %d background loops and %d fun sounds in %d groups"
           % (total, total / 2**20, backs, funs, len(groups)))
     if total > 8 * 2**20:
