@@ -43,21 +43,21 @@ std::optional<int64_t> ScanInteger(std::string_view text)
 
 std::optional<float> ScanFloat(std::string_view text)
 {
-    size_t pos = 0;
-    while (pos < text.size() && IsSpace(text[pos]))
-        ++pos;
-    std::string number(text.substr(pos, 64));
-    if (!number.empty() && number.front() == '+')
-        number.erase(0, 1);
+    while (!text.empty() && IsSpace(text.front()))
+        text.remove_prefix(1);
+    if (!text.empty() && text.front() == '+')
+        text.remove_prefix(1);
     // A decimal comma, as a program running in another locale would have written it.
-    if (number.find('.') == std::string::npos) {
-        const size_t comma = number.find(',');
-        if (comma != std::string::npos)
-            number[comma] = '.';
+    std::string withPoint;
+    const size_t separator = text.find_first_of(".,");
+    if (separator != std::string_view::npos && text[separator] == ',') {
+        withPoint.assign(text.substr(0, 64));
+        if (separator < withPoint.size())
+            withPoint[separator] = '.';
+        text = withPoint;
     }
     float value = 0;
-    const auto result = std::from_chars(number.data(), number.data() + number.size(), value,
-                                        std::chars_format::general);
+    const auto result = std::from_chars(text.data(), text.data() + text.size(), value, std::chars_format::general);
     if (result.ec != std::errc {} || !std::isfinite(value))
         return std::nullopt;
     return value;
@@ -75,7 +75,9 @@ std::string FormatFloat(float value)
 float ReadProfileFloat(const IniDocument& document, std::string_view section, std::string_view key,
                        float defaultValue)
 {
-    return ScanFloat(document.Get(section, key, FormatFloat(defaultValue))).value_or(defaultValue);
+    // A missing key would give the formatted default; defaults are whole numbers, which parse
+    // back to themselves.
+    return ScanFloat(document.Get(section, key, {})).value_or(defaultValue);
 }
 
 } // namespace larimo

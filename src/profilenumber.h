@@ -45,7 +45,8 @@ std::string FormatInteger(T value)
 template <std::integral T>
 T ReadProfileInteger(const IniDocument& document, std::string_view section, std::string_view key, T defaultValue)
 {
-    const std::optional<int64_t> parsed = ScanInteger(document.Get(section, key, FormatInteger(defaultValue)));
+    // A missing key would give the formatted default, which parses back to the default itself.
+    const std::optional<int64_t> parsed = ScanInteger(document.Get(section, key, {}));
     if (!parsed)
         return defaultValue;
     constexpr int64_t low = static_cast<int64_t>(std::numeric_limits<T>::min());

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <system_error>
 #include <utility>
@@ -372,6 +373,35 @@ size_t Utf16PrefixBytes(std::string_view text, size_t maxUnits)
     return pos;
 }
 
+size_t IniDocument::NoCaseHash::operator()(std::string_view text) const
+{
+    // FNV-1a over the lower-cased bytes.
+    uint64_t hash = 14695981039346656037ull;
+    for (char c : text) {
+        if (c >= 'A' && c <= 'Z')
+            c = static_cast<char>(c - 'A' + 'a');
+        hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211ull;
+    }
+    return static_cast<size_t>(hash);
+}
+
+bool IniDocument::NoCaseEqual::operator()(std::string_view a, std::string_view b) const
+{
+    if (a.size() != b.size())
+        return false;
+    for (size_t i = 0; i < a.size(); ++i) {
+        char x = a[i];
+        char y = b[i];
+        if (x >= 'A' && x <= 'Z')
+            x = static_cast<char>(x - 'A' + 'a');
+        if (y >= 'A' && y <= 'Z')
+            y = static_cast<char>(y - 'A' + 'a');
+        if (x != y)
+            return false;
+    }
+    return true;
+}
+
 void IniDocument::Section::Reindex()
 {
     m_firstKey.clear();
@@ -455,7 +485,7 @@ void IniDocument::ReindexSections()
 
 const IniDocument::Section* IniDocument::FindSection(std::string_view section) const
 {
-    const auto found = m_firstSection.find(Fold(section));
+    const auto found = m_firstSection.find(section);
     return found == m_firstSection.end() ? nullptr : &m_sections[found->second];
 }
 
@@ -469,7 +499,7 @@ std::optional<std::string> IniDocument::Find(std::string_view section, std::stri
     const Section* found = FindSection(section);
     if (found == nullptr)
         return std::nullopt;
-    const auto line = found->m_firstKey.find(Fold(key));
+    const auto line = found->m_firstKey.find(key);
     if (line == found->m_firstKey.end())
         return std::nullopt;
     return std::string(ValueOf(found->m_lines[line->second].m_text));

@@ -95,6 +95,17 @@ public:
     bool UsesCrLf() const { return m_eol == "\r\n"; }
 
 private:
+    // Case-insensitive hashing and comparison, so lookups need no folded copy of the name.
+    struct NoCaseHash {
+        using is_transparent = void;
+        size_t operator()(std::string_view text) const;
+    };
+    struct NoCaseEqual {
+        using is_transparent = void;
+        bool operator()(std::string_view a, std::string_view b) const;
+    };
+    using NameIndex = std::unordered_map<std::string, size_t, NoCaseHash, NoCaseEqual>;
+
     struct Line {
         std::string m_text; // without its line end
         std::string m_eol; // "\n", "\r\n", or empty for a last line without one
@@ -104,7 +115,7 @@ private:
         std::string m_nameFolded; // empty for the lines before the first header
         bool m_hasHeader = false;
         std::vector<Line> m_lines; // from the header (or a blank line before it) to the next header
-        std::unordered_map<std::string, size_t> m_firstKey; // folded key -> index in m_lines
+        NameIndex m_firstKey; // key -> index in m_lines
         void Reindex();
     };
 
@@ -119,7 +130,7 @@ private:
     static bool ValidKeyName(std::string_view key);
 
     std::vector<Section> m_sections; // m_sections[0] holds the lines before the first header
-    std::unordered_map<std::string, size_t> m_firstSection; // folded name -> index
+    NameIndex m_firstSection; // name -> index in m_sections
     std::string m_eol = "\n";
     bool m_bom = false;
     bool m_modified = false;
