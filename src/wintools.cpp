@@ -92,7 +92,7 @@ std::string SettingsPathToFs(std::string_view settingsPath, std::string_view bas
     if (trailingSlash && !segments.empty())
         result += '/';
     if (result.empty())
-        result = ".";
+        return std::string(1, '.');
     return result;
 }
 
