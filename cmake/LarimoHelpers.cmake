@@ -19,10 +19,13 @@ if(LARIMO_BUILD_FUZZ)
   target_link_options(larimo_options INTERFACE -fsanitize=address,undefined)
 endif()
 
+include(${CMAKE_CURRENT_LIST_DIR}/LarimoVersionInfo.cmake)
+
 # larimo_add_program(NAME SOURCES ... LIBS ...): a program staged in the app folder.
 function(larimo_add_program name)
   cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
+  larimo_add_version_info(${name})
   target_link_libraries(${name} PRIVATE larimo_options ${ARG_LIBS})
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${LARIMO_APP_DIR}")
   install(TARGETS ${name} RUNTIME DESTINATION .)

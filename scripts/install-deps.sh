@@ -15,6 +15,8 @@ packages=(
   libsndfile1-dev libsoxr-dev sox
   # sound generation (scripts/make-sounds.sh)
   sox espeak-ng
+  # the voice service as a systemd user unit (sd-bus)
+  libsystemd-dev
 )
 
 missing=()
