@@ -17,6 +17,8 @@ packages=(
   sox espeak-ng
   # the voice service as a systemd user unit (sd-bus)
   libsystemd-dev
+  # the sound server client library; a private PulseAudio daemon and pactl for the audio tests
+  libpulse-dev pulseaudio pulseaudio-utils
 )
 
 missing=()

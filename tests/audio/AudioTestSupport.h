@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// An engine that records what its callbacks see, and a fixture that installs simulated devices.
+#pragma once
+
+#include "platform/virtual/VirtualAudio.h"
+#include "wmme.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace larimo::test {
+
+/// Starts the English texts once per test program.
+void StartEnglishTexts();
+/// Opens a log file in a fresh temporary folder once per test program and returns its path.
+const std::string& TestLogPath();
+std::string ReadTestLog();
+
+class CallbackEngine : public PortAudio {
+public:
+    CallbackEngine();
+    ~CallbackEngine() override;
+
+    struct Seen {
+        PaBuffer buffer;
+        std::vector<char> bytes;
+    };
+
+    /// Waits (at most a few seconds, a liveness bound) until at least `count` of each arrived.
+    bool WaitInputs(std::size_t count);
+    bool WaitOutputs(std::size_t count);
+    std::vector<Seen> Inputs();
+    std::vector<Seen> Outputs();
+
+    std::function<void(PaBuffer)> m_onInput;
+    std::function<void(PaBuffer)> m_onOutput;
+
+protected:
+    void OnInputData(PaBuffer buffer) override;
+    void OnOutputDone(PaBuffer buffer) override;
+
+private:
+    bool WaitFor(const std::function<bool()>& done);
+
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::vector<Seen> m_inputs;
+    std::vector<Seen> m_outputs;
+};
+
+/// Installs a VirtualAudio with the given devices for the length of a test.
+class VirtualAudioTest : public ::testing::Test {
+protected:
+    explicit VirtualAudioTest(std::vector<std::string> inputs = {"Microphone (USB Audio Device)", "Line In"},
+                              std::vector<std::string> outputs = {"Speakers", "Headphones"});
+    void SetUp() override;
+    void TearDown() override;
+
+    std::shared_ptr<VirtualAudio> m_audio;
+
+private:
+    std::shared_ptr<AudioBackend> m_previous;
+};
+
+/// Waits, bounded, until `done` holds.
+bool Eventually(const std::function<bool()>& done, std::chrono::milliseconds limit = std::chrono::seconds(5));
+
+} // namespace larimo::test
