@@ -120,17 +120,16 @@ std::int16_t ToPcm16(float value)
     return static_cast<std::int16_t>(std::lrintf(scaled));
 }
 
-void AppendPcm16(std::vector<std::uint8_t>& out, std::span<const float> samples,
-                 std::vector<std::uint8_t>& scratch)
+void AppendPcm16(ByteBuffer& out, std::span<const float> samples)
 {
-    scratch.resize(samples.size() * 2);
-    std::uint8_t* p = scratch.data();
+    const std::size_t at = out.Size();
+    out.Resize(at + samples.size() * 2);
+    std::uint8_t* p = out.Data() + at;
     for (const float sample : samples) {
         const auto value = static_cast<std::uint16_t>(ToPcm16(sample));
         *p++ = static_cast<std::uint8_t>(value);
         *p++ = static_cast<std::uint8_t>(value >> 8);
     }
-    out.insert(out.end(), scratch.begin(), scratch.end());
 }
 
 // Averages the channels of each frame; a sample that is not a finite number becomes silence,
@@ -241,8 +240,7 @@ void Wave::Clear()
     m_format = WaveFormat{};
     m_extra.clear();
     m_extra.shrink_to_fit();
-    m_data.clear();
-    m_data.shrink_to_fit();
+    m_data.Clear();
 }
 
 void Wave::Assign(const WaveFormat& format, std::vector<std::uint8_t> extraFormatBytes,
@@ -250,7 +248,8 @@ void Wave::Assign(const WaveFormat& format, std::vector<std::uint8_t> extraForma
 {
     m_format = format;
     m_extra = std::move(extraFormatBytes);
-    m_data = std::move(data);
+    m_data.Clear();
+    m_data.Append(data);
 }
 
 // Reads the format and the data of the first RIFF/WAVE form; sets errno to what the source
@@ -290,14 +289,14 @@ unsigned Wave::Read(ByteSource& source)
         errno = EIO;
         return kWaveReadError;
     }
-    std::vector<std::uint8_t> samples;
+    ByteBuffer samples;
     try {
-        samples.resize(data->size);
+        samples.Resize(data->size);
     } catch (const std::bad_alloc&) {
         errno = ENOMEM;
         return kWaveReadError;
     }
-    if (!samples.empty() && riff.Read(*data, 0, samples.data(), samples.size()) != samples.size()) {
+    if (!samples.Empty() && riff.Read(*data, 0, samples.Data(), samples.Size()) != samples.Size()) {
         errno = source.LastErrno() != 0 ? source.LastErrno() : EIO;
         return kWaveReadError;
     }
@@ -355,11 +354,11 @@ unsigned Wave::WriteToFile(const std::string& path) const
         LogLeaveResult("Wave::WriteToFile", WaveErrorText(result));
         return result;
     };
-    if (m_data.size() > kMaxDataSize) {
+    if (m_data.Size() > kMaxDataSize) {
         errno = EFBIG;
         return finish(kWaveWriteError);
     }
-    const auto dataSize = static_cast<std::uint32_t>(m_data.size());
+    const auto dataSize = static_cast<std::uint32_t>(m_data.Size());
 
     struct Closer {
         void operator()(std::FILE* file) const { std::fclose(file); }
@@ -381,10 +380,10 @@ unsigned Wave::WriteToFile(const std::string& path) const
     PutId(dataHeader, "data");
     PutLe32(dataHeader, dataSize);
 
-    const auto write = [&](const std::vector<std::uint8_t>& bytes) {
+    const auto write = [&](std::span<const std::uint8_t> bytes) {
         return bytes.empty() || std::fwrite(bytes.data(), 1, bytes.size(), file.get()) == bytes.size();
     };
-    if (!write(riffHeader) || !write(formatBytes) || !write(dataHeader) || !write(m_data))
+    if (!write(riffHeader) || !write(formatBytes) || !write(dataHeader) || !write(m_data.View()))
         return finish(kWaveWriteError);
     // Buffered bytes reach the disk only now; a full disk shows up here.
     if (std::fclose(file.release()) != 0)
@@ -401,8 +400,8 @@ unsigned Wave::ConvertToOneChanel16Bit()
     const WaveFormat target = LibraryWaveFormat();
 
     SoundDecoder decoder;
-    const std::vector<std::uint8_t> head = DecoderHead(m_format, m_extra, m_data.size());
-    if (!decoder.Open(head, m_data)) {
+    const std::vector<std::uint8_t> head = DecoderHead(m_format, m_extra, m_data.Size());
+    if (!decoder.Open(head, m_data.View())) {
         LogError("Cannot decode the sound (wFormatTag=%u): %s", unsigned{m_format.wFormatTag},
                  decoder.ErrorText().c_str());
         LogLeaveResult(kScope, kConvertUnsupported);
@@ -436,25 +435,24 @@ unsigned Wave::ConvertToOneChanel16Bit()
     LogInfo("Begin convert...");
 
     unsigned result = kConvertSuccess;
-    std::vector<std::uint8_t> output;
+    ByteBuffer output;
     try {
-        output.reserve(static_cast<std::size_t>(expectedFrames + 1) * 2);
+        output.Reserve(static_cast<std::size_t>(expectedFrames + 1) * 2);
         const std::size_t blockFrames = std::max<std::size_t>(1, kDecodeBlockSamples / channels);
         std::vector<float> frames(blockFrames * channels);
         std::vector<float> mono(blockFrames);
-        std::vector<std::uint8_t> scratch;
         const auto emit = [&](std::span<const float> samples) {
-            if (output.size() + samples.size() * 2 > kMaxDataSize) {
+            if (output.Size() + samples.size() * 2 > kMaxDataSize) {
                 result = kConvertTooLarge;
                 return false;
             }
-            AppendPcm16(output, samples, scratch);
+            AppendPcm16(output, samples);
             return true;
         };
         for (;;) {
             const std::int64_t got = decoder.ReadFloat(frames.data(), static_cast<std::int64_t>(blockFrames));
             if (got < 0) {
-                LogError("Decoding stopped after %zu output bytes: %s", output.size(), decoder.ErrorText().c_str());
+                LogError("Decoding stopped after %zu output bytes: %s", output.Size(), decoder.ErrorText().c_str());
                 result = kConvertDecodeError;
                 break;
             }
@@ -482,7 +480,7 @@ unsigned Wave::ConvertToOneChanel16Bit()
         if (result == kConvertResampleError)
             LogError("Resampling failed: %s", resampler.ErrorText().c_str());
     } catch (const std::bad_alloc&) {
-        LogError("Out of memory after %zu converted bytes", output.size());
+        LogError("Out of memory after %zu converted bytes", output.Size());
         result = kConvertTooLarge;
     }
 

@@ -6,6 +6,8 @@
 // read and write files, allocate and log). One Wave object is used by one thread at a time.
 #pragma once
 
+#include "platform/ByteBuffer.h"
+
 #include <cstdint>
 #include <span>
 #include <string>
@@ -81,15 +83,15 @@ public:
 
     const WaveFormat& Format() const { return m_format; }
     const std::vector<std::uint8_t>& ExtraFormatBytes() const { return m_extra; }
-    const std::vector<std::uint8_t>& Data() const { return m_data; }
-    std::uint32_t DataSize() const { return static_cast<std::uint32_t>(m_data.size()); }
+    std::span<const std::uint8_t> Data() const { return m_data.View(); }
+    std::uint32_t DataSize() const { return static_cast<std::uint32_t>(m_data.Size()); }
 
 private:
     unsigned Read(ByteSource& source);
 
     WaveFormat m_format;
     std::vector<std::uint8_t> m_extra;
-    std::vector<std::uint8_t> m_data;
+    ByteBuffer m_data;
 };
 
 /// Checks that a file is a structurally usable WAV file (RIFF/WAVE with a readable format

@@ -105,7 +105,12 @@ void WriteBytes(const std::string& path, const std::vector<std::uint8_t>& bytes)
     ASSERT_TRUE(out.good()) << path;
 }
 
-std::vector<double> Pcm16ToDouble(const std::vector<std::uint8_t>& data)
+std::vector<std::uint8_t> Bytes(std::span<const std::uint8_t> view)
+{
+    return {view.begin(), view.end()};
+}
+
+std::vector<double> Pcm16ToDouble(std::span<const std::uint8_t> data)
 {
     std::vector<double> samples(data.size() / 2);
     for (std::size_t i = 0; i < samples.size(); ++i) {

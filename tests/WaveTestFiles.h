@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -44,8 +45,11 @@ std::vector<double> Sine(double hz, double amplitude, int rate, int channels, st
 std::vector<std::uint8_t> ReadBytes(const std::string& path);
 void WriteBytes(const std::string& path, const std::vector<std::uint8_t>& bytes);
 
+/// A copy of a byte view, for comparing.
+std::vector<std::uint8_t> Bytes(std::span<const std::uint8_t> view);
+
 /// 16-bit little-endian samples as doubles, full scale +-1.0.
-std::vector<double> Pcm16ToDouble(const std::vector<std::uint8_t>& data);
+std::vector<double> Pcm16ToDouble(std::span<const std::uint8_t> data);
 
 /// Result of fitting one sine (with offset) to a signal.
 struct SineFit {

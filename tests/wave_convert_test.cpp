@@ -146,7 +146,7 @@ TEST_F(WaveConversion, LibraryFormatIsLeftAloneAndNotLogged)
     Wave wave;
     wave.Assign(LibraryWaveFormat(), {}, {1, 2, 3, 4, 5});
     ASSERT_EQ(wave.ConvertToOneChanel16Bit(), kConvertSuccess);
-    EXPECT_EQ(wave.Data(), (std::vector<std::uint8_t>{1, 2, 3, 4, 5}));
+    EXPECT_EQ(test::Bytes(wave.Data()), (std::vector<std::uint8_t>{1, 2, 3, 4, 5}));
     const auto logAfterIdentity = test::ReadBytes(logPath);
     EXPECT_EQ(std::string(logAfterIdentity.begin(), logAfterIdentity.end()).find("Convert params"), std::string::npos);
 
@@ -187,7 +187,7 @@ TEST_F(WaveConversion, FormatsTheDecoderRefusesLeaveTheSoundUntouched)
         const unsigned result = wave.ConvertToOneChanel16Bit();
         EXPECT_NE(result, kConvertSuccess) << c.name;
         EXPECT_EQ(wave.Format(), c.format) << c.name;
-        EXPECT_EQ(wave.Data(), data) << c.name;
+        EXPECT_EQ(test::Bytes(wave.Data()), data) << c.name;
     }
 }
 
@@ -201,9 +201,9 @@ TEST_F(WaveConversion, CompressedFormatsNeedTheirExtraFormatBytes)
     ASSERT_EQ(wave.ExtraFormatBytes().size(), 2u);
 
     Wave stripped;
-    stripped.Assign(wave.Format(), {}, wave.Data());
+    stripped.Assign(wave.Format(), {}, test::Bytes(wave.Data()));
     EXPECT_EQ(stripped.ConvertToOneChanel16Bit(), kConvertUnsupported);
-    EXPECT_EQ(stripped.Data(), wave.Data());
+    EXPECT_EQ(test::Bytes(stripped.Data()), test::Bytes(wave.Data()));
     Wave kept = wave;
     EXPECT_EQ(kept.ConvertToOneChanel16Bit(), kConvertSuccess);
     EXPECT_GT(kept.DataSize(), 9000u);

@@ -102,7 +102,7 @@ TEST_P(WaveStructure, ReadAndCheckGiveTheExpectedResult)
     if (c.readResult == kWaveSuccess) {
         EXPECT_EQ(wave.Format().wFormatTag, 1);
         EXPECT_EQ(wave.Format().nSamplesPerSec, 44100u);
-        EXPECT_EQ(wave.Data(), SomeSamples());
+        EXPECT_EQ(test::Bytes(wave.Data()), SomeSamples());
     } else {
         EXPECT_EQ(wave.Format(), WaveFormat{});
         EXPECT_TRUE(wave.Data().empty());
@@ -135,7 +135,7 @@ TEST_F(WaveFiles, FormatHeaderKeepsCbSizeAndExtraBytesOnlyFromLongFormatChunks)
     ASSERT_EQ(wave.ReadFromMemory(withCb(6, {0xf9, 0x01})), kWaveSuccess);
     EXPECT_EQ(wave.Format().cbSize, 6);
     EXPECT_EQ(wave.ExtraFormatBytes(), (std::vector<std::uint8_t>{0xf9, 0x01}));
-    EXPECT_EQ(wave.Data(), data);
+    EXPECT_EQ(test::Bytes(wave.Data()), data);
 }
 
 TEST_F(WaveFiles, FileErrorsLeaveTheObjectEmptyAndCheckAgrees)
@@ -199,7 +199,7 @@ TEST_F(WaveFiles, WriteProducesTheCanonicalHeaderAndReadsBack)
     format.cbSize = 0;
     EXPECT_EQ(back.Format(), format);
     EXPECT_TRUE(back.ExtraFormatBytes().empty());
-    EXPECT_EQ(back.Data(), data);
+    EXPECT_EQ(test::Bytes(back.Data()), data);
 
     EXPECT_EQ(wave.WriteToFile(m_folder / "no/such/folder/out.wav"), kWaveWriteError);
     EXPECT_EQ(wave.WriteToFile(m_folder.Path()), kWaveWriteError);
