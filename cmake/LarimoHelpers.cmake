@@ -31,10 +31,10 @@ function(larimo_add_program name)
   install(TARGETS ${name} RUNTIME DESTINATION .)
 endfunction()
 
-# larimo_add_test(NAME LABEL label SOURCES ... LIBS ...): one GoogleTest program,
+# larimo_add_test(NAME LABEL label [FIXTURES name] [ENVIRONMENT VAR=value] SOURCES ... LIBS ...): one GoogleTest program,
 # each test case registered with CTest under the given label.
 function(larimo_add_test name)
-  cmake_parse_arguments(ARG "" "LABEL;TIMEOUT;RESOURCE_LOCK" "SOURCES;LIBS" ${ARGN})
+  cmake_parse_arguments(ARG "" "LABEL;TIMEOUT;RESOURCE_LOCK;FIXTURES;ENVIRONMENT" "SOURCES;LIBS" ${ARGN})
   if(NOT ARG_LABEL)
     set(ARG_LABEL unit)
   endif()
@@ -49,6 +49,13 @@ function(larimo_add_test name)
   if(ARG_RESOURCE_LOCK)
     # Cases that use the same per-user objects (the voice service's names) run one at a time.
     set(extra RESOURCE_LOCK ${ARG_RESOURCE_LOCK})
+  endif()
+  if(ARG_FIXTURES)
+    # Cases that need a fixture (the private sound server) started first.
+    list(APPEND extra FIXTURES_REQUIRED ${ARG_FIXTURES})
+  endif()
+  if(ARG_ENVIRONMENT)
+    list(APPEND extra ENVIRONMENT "${ARG_ENVIRONMENT}")
   endif()
   gtest_discover_tests(${name}
     DISCOVERY_MODE PRE_TEST

@@ -1,0 +1,217 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Against the private sound server that the CTest fixture starts (scripts/test-soundserver.sh).
+#include "SelectDefSound/SoundDevices.h"
+#include "defsnc.h"
+#include "platform/pulse/PulseBackend.h"
+#include "wmme.h"
+
+#include "audio/AudioTestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <thread>
+
+namespace larimo {
+namespace {
+
+class Pulse : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        const char* server = std::getenv("PULSE_SERVER");
+        // Never run against a desktop's own sound server: these cases change its defaults.
+        if (server == nullptr || std::strstr(server, "soundserver") == nullptr)
+            GTEST_SKIP() << "needs the private sound server of the CTest fixture (PULSE_SERVER)";
+        test::StartEnglishTexts();
+        test::TestLogPath();
+        m_previous = SetAudioBackend(CreatePulseBackend());
+    }
+    void TearDown() override { SetAudioBackend(m_previous); }
+
+    static int CountNamed(int direction, const std::string& text)
+    {
+        const CSoundDevices devices(direction);
+        int count = 0;
+        for (int i = 0; i < devices.Count(); ++i)
+            count += devices.Name(i).find(text) != std::string::npos ? 1 : 0;
+        return count;
+    }
+
+private:
+    std::shared_ptr<AudioBackend> m_previous;
+};
+
+TEST_F(Pulse, PlayedSignalComesBackThroughTheMonitorWithAMeasuredDelay)
+{
+    constexpr uint32_t kRate = 44100;
+    constexpr uint32_t kBufferMs = 20;
+    test::CallbackEngine engine;
+    ASSERT_EQ(engine.StartEngine(), kMmeSuccess);
+    int speakers = kNoDevice;
+    int monitor = kNoDevice;
+    ASSERT_EQ(PaGetDevNByName("Speakers", 2, speakers), kMmeSuccess);
+    ASSERT_EQ(PaGetDevNByName("Monitor of Speakers", 1, monitor), kMmeSuccess);
+
+    // A burst of noise between silences: one sharp correlation peak.
+    std::mt19937 random(7);
+    std::uniform_int_distribution<int> sample(-12000, 12000);
+    const std::size_t perBuffer = kRate * kBufferMs / 1000;
+    std::vector<int16_t> signal(perBuffer * 60, 0);
+    for (std::size_t i = perBuffer * 10; i < perBuffer * 20; ++i)
+        signal[i] = static_cast<int16_t>(sample(random));
+
+    PaStreamOut out;
+    PaStreamIn in;
+    ASSERT_EQ(out.Open(engine.ThreadId(), speakers, 16, kRate, kBufferMs, 4), kMmeSuccess);
+    ASSERT_EQ(in.Open(engine.ThreadId(), monitor, 16, kRate, kBufferMs, 4), kMmeSuccess);
+    std::atomic<std::size_t> written{0};
+    const auto writeNext = [&] {
+        const std::size_t at = written.load();
+        if (at >= signal.size())
+            return;
+        if (out.Write(signal.data() + at, static_cast<uint32_t>(perBuffer * 2), at + perBuffer >= signal.size()) ==
+            kMmeSuccess)
+            written = at + perBuffer;
+    };
+    engine.m_onOutput = [&](PaBuffer) { writeNext(); };
+    ASSERT_EQ(in.Start(), kMmeSuccess);
+    out.Activate();
+    for (int i = 0; i < 4; ++i)
+        writeNext();
+    ASSERT_TRUE(test::Eventually([&] { return written.load() >= signal.size(); }, std::chrono::seconds(10)));
+    ASSERT_TRUE(engine.WaitInputs(80));
+    in.Stop();
+    out.Stop();
+
+    std::vector<int16_t> recorded;
+    for (const auto& seen : engine.Inputs()) {
+        const auto* samples = reinterpret_cast<const int16_t*>(seen.bytes.data());
+        recorded.insert(recorded.end(), samples, samples + seen.bytes.size() / 2);
+    }
+    // Find the burst: the lag with the largest normalised cross-correlation.
+    const std::size_t burstBegin = perBuffer * 10;
+    const std::size_t burstLength = perBuffer * 10;
+    double energy = 0;
+    for (std::size_t i = 0; i < burstLength; ++i)
+        energy += static_cast<double>(signal[burstBegin + i]) * signal[burstBegin + i];
+    double best = 0;
+    std::size_t bestAt = 0;
+    for (std::size_t at = 0; at + burstLength <= recorded.size(); at += 1) {
+        double dot = 0;
+        double power = 0;
+        for (std::size_t i = 0; i < burstLength; i += 4) {
+            dot += static_cast<double>(recorded[at + i]) * signal[burstBegin + i];
+            power += static_cast<double>(recorded[at + i]) * recorded[at + i];
+        }
+        const double score = power > 0 ? dot / std::sqrt(power * energy / 4) : 0;
+        if (score > best) {
+            best = score;
+            bestAt = at;
+        }
+    }
+    EXPECT_GT(best, 0.9) << "the burst was not found again";
+    // Positions count from each stream's first sample; an idle null sink's monitor sends nothing,
+    // so this offset is the recording's, and the wall-clock latency is bench_audio_latency's.
+    const double offsetMs = (static_cast<double>(bestAt) - static_cast<double>(burstBegin)) * 1000.0 / kRate;
+    RecordProperty("burst_offset_ms", std::to_string(offsetMs));
+    std::printf("loopback: burst found %.1f ms off its written position (correlation %.3f)\n", offsetMs, best);
+}
+
+TEST_F(Pulse, VirtualMicrophoneIsMadeOnceAndBecomesTheDefaultRecordingDevice)
+{
+    ASSERT_TRUE(CheckSoundDriver());
+    ASSERT_TRUE(CheckSoundDriver());
+    EXPECT_EQ(CountNamed(CSoundDevices::kRender, "Larimo Microphone"), 1);
+    EXPECT_EQ(CountNamed(CSoundDevices::kCapture, "Larimo Microphone"), 1);
+
+    ASSERT_TRUE(SelectDefSndc());
+    const CSoundDevices capture(CSoundDevices::kCapture);
+    ASSERT_TRUE(capture.EndpointModel());
+    const int mic = capture.FindByName("Larimo Microphone");
+    EXPECT_EQ(capture.DefaultIndex(), mic);
+    EXPECT_EQ(capture.Entry(mic)->endpointId, std::string("{0.0.1.00000000}.") + kVirtualMicSourceName);
+    const CSoundDevices render(CSoundDevices::kRender);
+    EXPECT_NE(render.DefaultIndex(), render.FindByName("Larimo Microphone"));
+
+    // Made the default playback device by someone else, it is moved off again.
+    CSoundDevices playback(CSoundDevices::kRender);
+    ASSERT_TRUE(SetDefaultDevice(playback, playback.FindByName("Larimo Microphone")));
+    _ResetRenderLarimo();
+    const CSoundDevices after(CSoundDevices::kRender);
+    EXPECT_EQ(after.DefaultIndex(), after.FindByName("Larimo Microphone") == 0 ? 1 : 0);
+}
+
+TEST_F(Pulse, NamesAreFoundBySubstringInTheServersOrder)
+{
+    const CSoundDevices capture(CSoundDevices::kCapture);
+    int device = kNoDevice;
+    ASSERT_EQ(PaGetDevNByName("Microphone", 1, device), kMmeSuccess);
+    EXPECT_EQ(capture.FindByWaveDevice(device), capture.FindByName("Microphone"));
+    // "Monitor of Microphone Feed" comes before "Microphone (Test)" in the server's order.
+    EXPECT_EQ(capture.Name(capture.FindByWaveDevice(device)), "Monitor of Microphone Feed");
+    ASSERT_EQ(PaGetDevNByName("(Test)", 1, device), kMmeSuccess);
+    EXPECT_EQ(capture.Name(capture.FindByWaveDevice(device)), "Microphone (Test)");
+    EXPECT_EQ(PaGetDevNByName("Speak", 2, device), kMmeSuccess);
+    EXPECT_EQ(PaGetDevNByName("No such device", 2, device), kMmeDeviceNotFound);
+    EXPECT_EQ(device, kNoDevice);
+}
+
+class Changes : public MixerNotify {
+public:
+    void OnMixerControlChange(uint32_t) override { ++m_count; }
+    std::atomic<int> m_count{0};
+};
+
+TEST_F(Pulse, MixerReadsAndSetsTheSourceVolume)
+{
+    unsigned id = 0;
+    ASSERT_EQ(PaGetMixerId("Microphone (Test)", 1, id), kMmeSuccess);
+    Changes changes;
+    PortMixer mixer;
+    ASSERT_TRUE(mixer.Open(id, 0, &changes));
+    EXPECT_FALSE(mixer.HasMux());
+    EXPECT_FALSE(mixer.HasNoRecControl());
+    std::string name;
+    mixer.GetRecSourceName(name);
+    EXPECT_EQ(name, "Microphone (Test)");
+    for (uint32_t value : {0U, 16384U, 32768U, 65535U}) {
+        ASSERT_TRUE(mixer.SetRecVolume(value));
+        uint32_t read = 0;
+        ASSERT_TRUE(mixer.GetRecVolume(read));
+        EXPECT_NEAR(static_cast<double>(read), value, 1.0) << value;
+    }
+    EXPECT_TRUE(test::Eventually([&] { return changes.m_count.load() > 0; }));
+    EXPECT_FALSE(mixer.SetRecVolume(70000));
+    EXPECT_FALSE(FindMicLine(mixer, name));
+}
+
+TEST_F(Pulse, ControlAnswerMovesWhileTheVirtualMicrophoneRecords)
+{
+    ASSERT_TRUE(CheckSoundDriver());
+    std::unique_ptr<DriverControl> handle;
+    DriverControlOpen(handle);
+    ASSERT_NE(handle, nullptr);
+    const uint32_t idle = DriverControlQuery(handle.get(), 1);
+    EXPECT_EQ(DriverControlQuery(handle.get(), 1), idle);
+    test::CallbackEngine engine;
+    ASSERT_EQ(engine.StartEngine(), kMmeSuccess);
+    int device = kNoDevice;
+    ASSERT_EQ(PaGetDevNByName("Larimo Microphone", 1, device), kMmeSuccess);
+    PaStreamIn in;
+    ASSERT_EQ(in.Open(engine.ThreadId(), device, 16, 44100, 20, 4), kMmeSuccess);
+    ASSERT_EQ(in.Start(), kMmeSuccess);
+    ASSERT_TRUE(engine.WaitInputs(2));
+    const uint32_t first = DriverControlQuery(handle.get(), 1);
+    EXPECT_NE(DriverControlQuery(handle.get(), 1), first);
+    EXPECT_TRUE(in.Close());
+    const uint32_t closed = DriverControlQuery(handle.get(), 1);
+    EXPECT_EQ(DriverControlQuery(handle.get(), 1), closed);
+}
+
+} // namespace
+} // namespace larimo
