@@ -15,6 +15,8 @@ packages=(
   libsndfile1-dev libsoxr-dev sox
   # sound generation (scripts/make-sounds.sh)
   sox espeak-ng
+  # third-party VST 2 plug-ins the effect host is tested against
+  dpf-plugins-vst
   # the voice service as a systemd user unit (sd-bus)
   libsystemd-dev
   # the sound server client library; a private PulseAudio daemon and pactl for the audio tests

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "modb.h"
 
+#include "effect.h"
 #include "error.h"
 #include "filltext.h"
 #include "mlog.h"
@@ -177,6 +178,107 @@ const std::string& LibBackSoundsFolder()
 const std::string& LibFunSoundsFolder()
 {
     return State().funSoundsFolder;
+}
+
+namespace {
+
+constexpr char kPluginExtension[] = ".so";
+constexpr size_t kPluginExtensionLength = sizeof kPluginExtension - 1;
+
+bool IsPluginFileName(const std::string& fileName)
+{
+    return fileName.size() > kPluginExtensionLength &&
+           EqualsNoCase(std::string_view(fileName).substr(fileName.size() - kPluginExtensionLength), kPluginExtension);
+}
+
+} // namespace
+
+std::string LibPluginPath(const std::string& name)
+{
+    return PathInFolder(LibEffectsFolder(), name + kPluginExtension);
+}
+
+bool LibPluginExists(const std::string& name)
+{
+    return ExistsInFolder(LibEffectsFolder(), name + kPluginExtension);
+}
+
+bool LibTestPlugin(const std::string& path, std::string& errorText)
+{
+    LogEnter("LibTestPlugin", "\"%s\"", path.c_str());
+    MoAudioEffect effect;
+    const MoVstErrorNum result = effect.SafeLoad(path, false, nullptr);
+    errorText = MoVstErrorText(result);
+    effect.UnLoad();
+    LogLeaveResult("LibTestPlugin", result == kVstSuccess);
+    return result == kVstSuccess;
+}
+
+bool LibImportPlugin(const std::string& sourcePath)
+{
+    LogEnter("LibImportPlugin", "\"%s\"", sourcePath.c_str());
+    const std::string fileName = FileNamePart(sourcePath);
+    const std::string destination = LibEffectsFolder() + fileName;
+    const std::string name = LibBaseName(destination);
+    bool result = false;
+    std::string testError;
+    if (!IsPluginFileName(fileName)) {
+        SetLastError(FillText(243, fileName.c_str()));
+    } else if (LibPluginExists(name)) {
+        // The message names the plug-in as the library has it.
+        SetLastError(FillText(244, LibBaseName(LibPluginPath(name)).c_str()));
+    } else if (!LibTestPlugin(sourcePath, testError)) {
+        SetLastError(testError);
+    } else {
+        // Copied beside its place and renamed, so the library never holds half a plug-in.
+        const std::string partial = LibEffectsFolder() + "." + fileName + ".part";
+        std::error_code ec;
+        fs::create_directories(LibEffectsFolder(), ec);
+        if (!ec)
+            fs::copy_file(sourcePath, partial, fs::copy_options::overwrite_existing, ec);
+        if (!ec)
+            fs::rename(partial, destination, ec);
+        if (ec) {
+            std::error_code ignored;
+            fs::remove(partial, ignored);
+            SetLastError(FillText(245, static_cast<unsigned>(ec.value())));
+        } else {
+            result = true;
+        }
+    }
+    LogLeaveResult("LibImportPlugin", result);
+    return result;
+}
+
+bool LibDeletePlugin(const std::string& name)
+{
+    LogEnter("LibDeletePlugin", "\"%s\"", name.c_str());
+    const bool result = DeleteSound(LibEffectsFolder(), name + kPluginExtension, 246);
+    LogLeaveResult("LibDeletePlugin", result);
+    return result;
+}
+
+std::vector<std::string> LibListPlugins()
+{
+    std::vector<std::string> names;
+    std::error_code ec;
+    fs::directory_iterator entries(LibEffectsFolder(), ec);
+    if (ec)
+        return names;
+    for (const auto& entry : entries) {
+        const std::string fileName = entry.path().filename().string();
+        if (!entry.is_regular_file(ec) || !IsPluginFileName(fileName))
+            continue;
+        std::string name = fileName.substr(0, fileName.size() - kPluginExtensionLength);
+        name[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(name[0])));
+        names.push_back(std::move(name));
+    }
+    std::sort(names.begin(), names.end(), [](const std::string& a, const std::string& b) {
+        return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
+            return std::tolower(static_cast<unsigned char>(x)) < std::tolower(static_cast<unsigned char>(y));
+        });
+    });
+    return names;
 }
 
 std::string LibBackSoundPath(const std::string& name)

@@ -26,6 +26,26 @@ const std::string& LibEffectsFolder();
 const std::string& LibBackSoundsFolder();
 const std::string& LibFunSoundsFolder();
 
+/// The file of the plug-in named `name` ("Reverb"): the existing "*.so" file whose name
+/// matches without regard to case, otherwise the effects folder + `name` + ".so".
+std::string LibPluginPath(const std::string& name);
+bool LibPluginExists(const std::string& name);
+/// Loads the plug-in at `path` into a temporary host and unloads it again. True when it is a
+/// usable effect; `errorText` gets the text of the load result ("Success" when it is). A
+/// plug-in that crashes is caught and refused. Window thread (plug-ins may need it).
+bool LibTestPlugin(const std::string& path, std::string& errorText);
+/// Copies the plug-in at `sourcePath` into the effects folder under its own file name, which
+/// must end in ".so" with at least one character before it. False, with the reason in
+/// LibGetLastError, for a bad name, a plug-in of that name already there (names compared
+/// without regard to case), a plug-in that fails LibTestPlugin, or a failed copy; the library
+/// is then as it was. Window thread.
+bool LibImportPlugin(const std::string& sourcePath);
+/// False, with the reason in LibGetLastError, when the plug-in cannot be deleted.
+bool LibDeletePlugin(const std::string& name);
+/// The names of the "*.so" files of the effects folder without ".so", first letter upper
+/// case, sorted.
+std::vector<std::string> LibListPlugins();
+
 /// The file of a background sound: the existing file whose name matches without regard to
 /// case, otherwise the background folder + `name`.
 std::string LibBackSoundPath(const std::string& name);

@@ -1,0 +1,125 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The plug-ins of the user's library: importing (with a test load), listing and deleting.
+#include "modb.h"
+
+#include "EffectTestSupport.h"
+#include "WaveTestFiles.h"
+#include "effect.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+
+namespace larimo {
+namespace {
+
+namespace fs = std::filesystem;
+
+class PluginLibrary : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        test::StartEnglishTexts();
+        LibInit(m_root.Path());
+    }
+
+    // A copy of a test plug-in outside the library under the name `fileName`.
+    std::string Source(const std::string& kind, const std::string& fileName)
+    {
+        const std::string path = m_sources / fileName;
+        fs::copy_file(test::TestPluginPath(kind), path, fs::copy_options::overwrite_existing);
+        return path;
+    }
+
+    std::map<std::string, std::uintmax_t> Snapshot() const
+    {
+        std::map<std::string, std::uintmax_t> files;
+        for (const auto& entry : fs::recursive_directory_iterator(m_root.Path()))
+            files[entry.path().string()] = entry.is_regular_file() ? entry.file_size() : 0;
+        return files;
+    }
+
+    test::ScratchFolder m_root;
+    test::ScratchFolder m_sources;
+};
+
+TEST_F(PluginLibrary, AnImportedPluginIsListedFoundAndDeleted)
+{
+    EXPECT_TRUE(LibListPlugins().empty());
+    ASSERT_TRUE(LibImportPlugin(Source("Stereo", "a.so"))) << LibGetLastError();
+    ASSERT_TRUE(LibImportPlugin(Source("BothEntries", "echo.plate.so"))) << LibGetLastError();
+    EXPECT_TRUE(fs::is_regular_file(LibEffectsFolder() + "a.so"));
+    EXPECT_EQ(LibListPlugins(), (std::vector<std::string>{"A", "Echo.plate"}));
+    EXPECT_TRUE(LibPluginExists("A"));
+    EXPECT_TRUE(LibPluginExists("ECHO.PLATE"));
+    EXPECT_FALSE(LibPluginExists("Echo"));
+    EXPECT_EQ(LibPluginPath("A"), LibEffectsFolder() + "a.so");
+    EXPECT_EQ(LibPluginPath("Missing"), LibEffectsFolder() + "Missing.so");
+
+    // What was imported is a working plug-in.
+    MoAudioEffect effect;
+    EXPECT_EQ(effect.SecureLoad(LibPluginPath("Echo.plate"), false), kVstSuccess);
+    EXPECT_EQ(effect.BaseName(), "Echo.plate");
+    effect.UnLoad();
+
+    // Only files ending in .so are plug-ins, and only when something comes before it.
+    std::ofstream(LibEffectsFolder() + "notes.txt") << "x";
+    std::ofstream(LibEffectsFolder() + ".so") << "x";
+    fs::create_directory(LibEffectsFolder() + "folder.so");
+    EXPECT_EQ(LibListPlugins(), (std::vector<std::string>{"A", "Echo.plate"}));
+
+    ASSERT_TRUE(LibDeletePlugin("a")) << LibGetLastError();
+    EXPECT_FALSE(fs::exists(LibEffectsFolder() + "a.so"));
+    EXPECT_FALSE(LibDeletePlugin("A"));
+    EXPECT_EQ(LibGetLastError().rfind("Error setting file attributes.", 0), 0U) << LibGetLastError();
+    EXPECT_FALSE(LibDeletePlugin("folder"));
+    EXPECT_TRUE(fs::is_directory(LibEffectsFolder() + "folder.so"));
+    EXPECT_EQ(LibListPlugins(), (std::vector<std::string>{"Echo.plate"}));
+}
+
+struct RefusedImport {
+    const char* kind;
+    const char* fileName;
+    const char* message;
+};
+
+class RefusedImports : public PluginLibrary, public ::testing::WithParamInterface<RefusedImport> {};
+
+TEST_P(RefusedImports, TellWhyAndLeaveTheLibraryAsItWas)
+{
+    ASSERT_TRUE(LibImportPlugin(Source("Stereo", "Reverb.so"))) << LibGetLastError();
+    const auto before = Snapshot();
+    EXPECT_FALSE(LibImportPlugin(Source(GetParam().kind, GetParam().fileName)));
+    EXPECT_EQ(LibGetLastError(), GetParam().message);
+    EXPECT_EQ(Snapshot(), before);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, RefusedImports,
+    ::testing::Values(RefusedImport{"Stereo", ".so", "Illegal VST plug-in file name: \".so\""},
+                      RefusedImport{"Stereo", "x.s", "Illegal VST plug-in file name: \"x.s\""},
+                      RefusedImport{"Stereo", "delay", "Illegal VST plug-in file name: \"delay\""},
+                      RefusedImport{"Stereo", "reverb.so", "Plug-in \"Reverb\" already exists."},
+                      RefusedImport{"Stereo", "REVERB.SO", "Plug-in \"Reverb\" already exists."},
+                      RefusedImport{"CrashOnLoad", "crash.so", "Undefined error"},
+                      RefusedImport{"NoOutputs", "silent.so",
+                                    "VST plug-in doesn't contain VST effect \n(number of audio input or audio "
+                                    "output channels equal nil)."},
+                      RefusedImport{"NoEntry", "plain.so", "Incorrect format of VST plug-in"}),
+    [](const auto& testCase) { return std::string(testCase.param.kind) + "_" + std::to_string(testCase.index); });
+
+TEST_F(PluginLibrary, TestingAPluginGivesTheTextOfItsLoadResult)
+{
+    std::string text = "stale";
+    EXPECT_TRUE(LibTestPlugin(test::TestPluginPath("Stereo"), text));
+    EXPECT_EQ(text, "Success");
+    EXPECT_FALSE(LibTestPlugin(m_sources / "none.so", text));
+    EXPECT_EQ(text, "VST plug-in could not be found");
+    EXPECT_FALSE(LibImportPlugin(m_sources / "none.so"));
+    EXPECT_EQ(LibGetLastError(), "VST plug-in could not be found");
+}
+
+} // namespace
+} // namespace larimo
