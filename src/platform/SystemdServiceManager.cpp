@@ -52,7 +52,7 @@ public:
     const char* Message() const { return m_error.message != nullptr ? m_error.message : ""; }
 
 private:
-    sd_bus_error m_error = SD_BUS_ERROR_NULL;
+    sd_bus_error m_error{nullptr, nullptr, 0};
 };
 
 int Result(int result, int code)
@@ -519,8 +519,10 @@ std::string SetUnitKey(std::string_view unitText, std::string_view section, std:
         lines.emplace_back(unitText.substr(start, end - start));
         start = end + 1;
     }
-    const std::string header = "[" + std::string(section) + "]";
-    const std::string line = std::string(key) + "=" + std::string(value);
+    std::string header(1, '[');
+    header.append(section).append(1, ']');
+    std::string line(key);
+    line.append(1, '=').append(value);
 
     bool inSection = false;
     bool replaced = false;
