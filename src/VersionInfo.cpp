@@ -166,4 +166,14 @@ int FileVersion(const std::string& path, std::string& version)
     return result;
 }
 
+bool LogProgramVersion(const std::string& programPath)
+{
+    VersionRecord record;
+    if (ReadVersionInfo(programPath, kVersionLanguage, kVersionCodePage, record) != 0)
+        return false;
+    LogText("%s", "");
+    LogText("Larimo version: %s", record.m_productVersion.c_str());
+    return true;
+}
+
 } // namespace larimo

@@ -55,4 +55,8 @@ int ReadVersionInfo(const std::string& path, uint16_t language, uint16_t codePag
 /// The product version of `path` as four dotted numbers, with ReadVersionInfo's result. Any thread.
 int FileVersion(const std::string& path, std::string& version);
 
+/// The start-up's version line: when `programPath` has a version record, an empty line and
+/// "Larimo version: <product version>" go to the log. Returns whether they did. Any thread.
+bool LogProgramVersion(const std::string& programPath);
+
 } // namespace larimo

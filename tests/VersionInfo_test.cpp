@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "VersionInfo.h"
 
+#include "mlog.h"
 #include "platform/ElfSection.h"
 
 #include <gtest/gtest.h>
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -114,6 +116,19 @@ TEST(ReadVersionInfo, FilesWithoutARecordGiveTheirCause)
     std::string version = "kept";
     EXPECT_EQ(FileVersion(text.Path(), version), ENOEXEC);
     EXPECT_EQ(version, "kept");
+}
+
+TEST(LogProgramVersion, WritesTheVersionLineOnlyForAProgramWithARecord)
+{
+    const TempFile log("");
+    LogOpen(log.Path(), false, false, false, false, false);
+    EXPECT_FALSE(LogProgramVersion("/proc/self/exe"));
+    EXPECT_FALSE(LogProgramVersion("/nonexistent"));
+    EXPECT_EQ(ReadText(log.Path()), "");
+    EXPECT_TRUE(LogProgramVersion(kAppDir + "/LarimoServer"));
+    const std::string written = ReadText(log.Path());
+    EXPECT_NE(written.find("Larimo version: " LARIMO_EXPECTED_VERSION), std::string::npos) << written;
+    EXPECT_EQ(std::count(written.begin(), written.end(), '\n'), 2) << written;
 }
 
 struct SplitCase {

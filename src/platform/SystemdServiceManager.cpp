@@ -506,6 +506,8 @@ std::string MakeUnitText(const ServiceIdentity& identity)
     text += "Type=simple\n";
     text += "ExecStart=" + QuoteExecPath(identity.m_program) + "\n";
     text += "Restart=on-failure\n";
+    // Status 1 is "another instance runs": starting again cannot help.
+    text += "RestartPreventExitStatus=1\n";
     text += "\n[Install]\n";
     text += "WantedBy=default.target\n";
     return text;

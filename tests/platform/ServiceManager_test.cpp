@@ -247,7 +247,7 @@ TEST(UnitText, NewUnitStartsWithTheSessionAfterTheSoundServer)
     EXPECT_NE(text.find("After=pipewire.service pipewire-pulse.service wireplumber.service pulseaudio.service\n"),
               std::string::npos);
     EXPECT_NE(text.find("ExecStart=\"/opt/my app/100%%$$HOME\\\"x\\\\y\"\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("Restart=on-failure\n"), std::string::npos);
+    EXPECT_NE(text.find("Restart=on-failure\nRestartPreventExitStatus=1\n"), std::string::npos);
     EXPECT_NE(text.find("[Install]\nWantedBy=default.target\n"), std::string::npos);
 }
 
