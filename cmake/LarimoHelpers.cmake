@@ -7,6 +7,10 @@ target_compile_options(larimo_options INTERFACE
 if(LARIMO_WERROR)
   target_compile_options(larimo_options INTERFACE -Werror)
 endif()
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+  # g++ 12 reports impossible overlaps inside std::string concatenation at -O2 and above.
+  target_compile_options(larimo_options INTERFACE -Wno-restrict)
+endif()
 if(LARIMO_SANITIZE)
   target_compile_options(larimo_options INTERFACE
     -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
