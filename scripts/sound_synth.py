@@ -701,8 +701,8 @@ def gen_tada(args):
 def gen_mix(args):
     """Sums layers given as PATH@DB; each is first brought to unit RMS so levels read as dB."""
     layers = []
-    for spec in args.inputs:
-        path, gain = spec.rsplit("@", 1)
+    for entry in args.inputs:
+        path, gain = entry.rsplit("@", 1)
         x = read_raw(path)
         layers.append((x, db(float(gain)) / max(1e-12, rms(x))))
     n = max(len(x) for x, _ in layers)

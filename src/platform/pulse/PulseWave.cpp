@@ -11,29 +11,29 @@ namespace larimo {
 
 namespace {
 
-bool ToSampleSpec(const WaveFormat& format, pa_sample_spec& spec)
+bool ToSampleSpec(const WaveFormat& format, pa_sample_spec& sampleSpec)
 {
     if (format.formatTag != kWaveFormatPcm)
         return false;
     switch (format.bitsPerSample) {
     case 8:
-        spec.format = PA_SAMPLE_U8;
+        sampleSpec.format = PA_SAMPLE_U8;
         break;
     case 16:
-        spec.format = PA_SAMPLE_S16LE;
+        sampleSpec.format = PA_SAMPLE_S16LE;
         break;
     case 24:
-        spec.format = PA_SAMPLE_S24LE;
+        sampleSpec.format = PA_SAMPLE_S24LE;
         break;
     case 32:
-        spec.format = PA_SAMPLE_S32LE;
+        sampleSpec.format = PA_SAMPLE_S32LE;
         break;
     default:
         return false;
     }
-    spec.rate = format.samplesPerSec;
-    spec.channels = static_cast<uint8_t>(format.channels);
-    return pa_sample_spec_valid(&spec) != 0;
+    sampleSpec.rate = format.samplesPerSec;
+    sampleSpec.channels = static_cast<uint8_t>(format.channels);
+    return pa_sample_spec_valid(&sampleSpec) != 0;
 }
 
 void MarkReturned(WaveHeader& header)
@@ -74,10 +74,10 @@ protected:
 
     bool CreateLocked(const char* name, const WaveFormat& format)
     {
-        pa_sample_spec spec{};
-        if (!ToSampleSpec(format, spec) || m_context->Context() == nullptr)
+        pa_sample_spec sampleSpec{};
+        if (!ToSampleSpec(format, sampleSpec) || m_context->Context() == nullptr)
             return false;
-        m_stream = pa_stream_new(m_context->Context(), name, &spec, nullptr);
+        m_stream = pa_stream_new(m_context->Context(), name, &sampleSpec, nullptr);
         if (m_stream == nullptr)
             return false;
         pa_stream_set_state_callback(
