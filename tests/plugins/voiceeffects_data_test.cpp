@@ -12,23 +12,33 @@
 #include <filesystem>
 #include <numbers>
 #include <set>
-#include <strings.h>
+#include <unistd.h>
 
 namespace larimo::test {
 namespace {
 
-const std::string kDataDir = std::string(LARIMO_SOURCE_DIR) + "/data";
-
-std::vector<VoiceEffect> ShippedPresets()
+// The settings layer keeps lock files beside what it reads; the source tree must not get them.
+std::string DataCopy()
 {
-    std::vector<VoiceEffect> effects;
-    EXPECT_TRUE(LoadVoiceEffects(kDataDir + "/voiceeffects.ini", effects));
-    return effects;
+    const std::filesystem::path dir = std::filesystem::temp_directory_path() /
+                                      ("larimo-presets-" + std::to_string(::getpid()));
+    std::filesystem::create_directories(dir);
+    for (const char* name : { "voiceeffects.ini", "config.ini" })
+        std::filesystem::copy_file(std::filesystem::path(LARIMO_SOURCE_DIR) / "data" / name, dir / name,
+                                   std::filesystem::copy_options::overwrite_existing);
+    return dir.string();
 }
 
-TEST(ShippedPresetsTest, EveryPresetDrivesAShippedEffect)
+class ShippedPresetsTest : public ::testing::Test {
+protected:
+    ~ShippedPresetsTest() override { std::filesystem::remove_all(m_dir); }
+    const std::string m_dir = DataCopy();
+};
+
+TEST_F(ShippedPresetsTest, EveryPresetDrivesAShippedEffect)
 {
-    const std::vector<VoiceEffect> presets = ShippedPresets();
+    std::vector<VoiceEffect> presets;
+    ASSERT_TRUE(LoadVoiceEffects(m_dir + "/voiceeffects.ini", presets));
     ASSERT_GE(presets.size(), 8u);
     std::set<std::string> usedEffects;
     std::set<std::string> names;
@@ -69,9 +79,9 @@ TEST(ShippedPresetsTest, EveryPresetDrivesAShippedEffect)
         EXPECT_TRUE(usedEffects.contains(effect)) << effect << " has no preset";
 }
 
-TEST(ShippedPresetsTest, FirstStartFillsTheSlotsAndStillRunsTheWizard)
+TEST_F(ShippedPresetsTest, FirstStartFillsTheSlotsAndStillRunsTheWizard)
 {
-    Config config(kDataDir);
+    Config config(m_dir);
     config.LoadAll();
     EXPECT_FALSE(config.m_wizard);
     for (int slot = 0; slot < Config::kSlotCount; ++slot) {
