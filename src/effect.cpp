@@ -16,8 +16,8 @@ namespace larimo {
 
 namespace {
 
-// What the platform this design comes from reports for a C++ exception; a plug-in that throws
-// out of a call is as broken as one that faults.
+// A plug-in that throws out of a call is as broken as one that faults; it is reported with the
+// code a C++ exception carries as a structured exception.
 constexpr uint32_t kExceptionCppException = 0xE06D7363U;
 constexpr char kMessageCaption[] = "Larimo";
 // Plug-ins write well past the nominal 8 or 32 characters of names.

@@ -146,8 +146,9 @@ public:
     int NumInputs() const { return m_numInputs; }
     int NumOutputs() const { return m_numOutputs; }
 
-    /// Listeners and the flag the parameter window and the plug-in share. The flag may be
-    /// touched on any thread.
+    /// Listeners and the flag the parameter window and the plug-in share. Set the listeners
+    /// and their context on the control thread while the plug-in cannot call back (before
+    /// loading, or with no audio running); the flag may be touched on any thread.
     void SetListenerContext(void* context) { m_listenerContext = context; }
     void* ListenerContext() const { return m_listenerContext; }
     void SetParamChangeListener(ParamChangeListener listener) { m_paramChangeListener = listener; }
