@@ -11,7 +11,9 @@ mkdir -p "$out"
 cmake --build "$build" --target render_presets
 espeak-ng -v en -s 140 -w "$out/spoken.wav" "The quick brown fox jumps over the lazy dog. How does my voice sound now?"
 sox "$out/spoken.wav" -r 44100 -c 1 -b 16 "$out/voice.wav"
-"$build/tests/render_presets" data/voiceeffects.ini "$out/voice.wav" "$out"
+# A copy: reading settings leaves a lock file beside them, which must not land in data/.
+cp data/voiceeffects.ini "$out/voiceeffects.ini"
+"$build/tests/render_presets" "$out/voiceeffects.ini" "$out/voice.wav" "$out"
 for wav in "$out"/*.wav; do
   name=$(basename "$wav" .wav)
   [[ "$name" == spoken ]] && continue
