@@ -21,6 +21,8 @@ packages=(
   libsystemd-dev
   # the sound server client library; a private PulseAudio daemon and pactl for the audio tests
   libpulse-dev pulseaudio pulseaudio-utils
+  # the control panel and its skins (Qt 6 Widgets); Xvfb for tests of the shown window
+  qt6-base-dev qt6-base-dev-tools libgl-dev xvfb xauth fonts-dejavu-core
 )
 
 missing=()
