@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // LarimoServer: the voice service. Runs from the app folder, one per user.
+#include "AudioPipeline.h"
 #include "LarimoServer.h"
 
 #include "mlog.h"
+#include "modb.h"
+#include "texts.h"
 #include "wintools.h"
 
 #include <csignal>
@@ -40,7 +43,20 @@ int main(int argc, char** argv)
     LogOpen(root + "larimosrv.log", true, true, false, false, false);
     LogStartBanner();
 
-    LarimoServer server({root}, nullptr);
+    LibInit(root);
+    if (!StartTexts())
+        LogWarning("LarimoServer: no language file; error texts are in English");
+
+    // The pipeline reports through the server, which hands it every state; the server pointer
+    // is set before the first state can arrive (in Run).
+    LarimoServer* reportTo = nullptr;
+    AudioPipeline::Events events;
+    events.funSoundEnded = [&reportTo](size_t slot, uint32_t starts) { reportTo->FunSoundEnded(slot, starts); };
+    events.error = [&reportTo](std::string text) { reportTo->ReportError(std::move(text)); };
+    events.trace = [&reportTo](const int16_t* samples, size_t count) { reportTo->PublishTrace(samples, count); };
+    AudioPipeline pipeline({}, std::move(events));
+    LarimoServer server({root}, &pipeline);
+    reportTo = &server;
     std::thread([&server, quitSignals] {
         int signal = 0;
         if (sigwait(&quitSignals, &signal) == 0) {
@@ -50,6 +66,7 @@ int main(int argc, char** argv)
     }).detach();
 
     const int result = server.Run();
+    pipeline.Stop();
     if (result == LarimoServer::kExitAlreadyRunning)
         std::fprintf(stderr, "LarimoServer is already running.\n");
     else if (result != LarimoServer::kExitOk)

@@ -1,0 +1,819 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "AudioPipeline.h"
+
+#include "MixPlan.h"
+#include "ServiceTexts.h"
+#include "config.h"
+#include "mlog.h"
+#include "modb.h"
+#include "platform/AudioBackend.h"
+#include "platform/CrashGuard.h"
+#include "platform/ThreadMessages.h"
+#include "wmme.h"
+
+#include <pthread.h>
+#include <sched.h>
+#include <time.h>
+
+#include <algorithm>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <set>
+#include <vector>
+
+namespace larimo {
+
+namespace {
+
+constexpr uint32_t kSampleRate = 44100;
+constexpr uint32_t kMinBlockMs = 2;
+constexpr uint32_t kMaxBlockMs = 200;
+constexpr uint32_t kMaxBlockSamples = kMaxBlockMs * kSampleRate / 1000;
+// Buffers written ahead of the one playing: more only adds latency when the clocks of the
+// microphone and the virtual microphone drift apart, so the surplus is dropped instead.
+constexpr uint32_t kMaxOutputAhead = 3;
+constexpr int64_t kMinStallNs = 1'000'000'000;
+constexpr int64_t kActiveTickNs = 20'000'000;
+constexpr int64_t kInUsePollActiveNs = 500'000'000;
+
+struct TraceBlock {
+    uint32_t count = 0;
+    int16_t samples[kMaxBlockSamples];
+};
+using TraceRing = WaitFreeRing<TraceBlock, 16>;
+
+int64_t NowNs() noexcept
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+}
+
+bool IsVirtualMicName(const std::string& name)
+{
+    return name.find(kVirtualDeviceName) != std::string::npos;
+}
+
+// What the devices are opened with; a change means closing and opening them again.
+struct DeviceSettings {
+    std::string input;
+    std::string monitor;
+    uint32_t blockMs = 25;
+    uint32_t inCount = 40;
+    uint32_t outCount = 40;
+    uint32_t monCount = 40;
+    bool operator==(const DeviceSettings&) const = default;
+};
+
+DeviceSettings DeviceSettingsOf(const ServiceState& state)
+{
+    DeviceSettings devices;
+    if (const Config* settings = state.settings.get()) {
+        devices.input = settings->m_input;
+        devices.monitor = settings->m_monitor;
+        if (settings->m_inBuffSizeMs != 0)
+            devices.blockMs = settings->m_inBuffSizeMs;
+        devices.inCount = settings->m_inBuffsN;
+        devices.outCount = settings->m_outBuffsN;
+        devices.monCount = settings->m_monBuffsN;
+    }
+    devices.blockMs = std::clamp(devices.blockMs, kMinBlockMs, kMaxBlockMs);
+    devices.inCount = std::clamp<uint32_t>(devices.inCount, 2, 255);
+    devices.outCount = std::clamp<uint32_t>(devices.outCount, 2, 255);
+    devices.monCount = std::clamp<uint32_t>(devices.monCount, 2, 255);
+    return devices;
+}
+
+// The buffers of one device: headers and one contiguous block of sample memory.
+struct BufferPool {
+    std::unique_ptr<WaveHeader[]> headers;
+    std::vector<int16_t> data;
+    uint32_t count = 0;
+    uint32_t next = 0;
+
+    void Allocate(uint32_t buffers, uint32_t samples)
+    {
+        count = buffers;
+        headers = std::make_unique<WaveHeader[]>(buffers);
+        data.assign(size_t{buffers} * samples, 0);
+        for (uint32_t i = 0; i < buffers; ++i) {
+            headers[i].data = reinterpret_cast<char*>(data.data() + size_t{i} * samples);
+            headers[i].bufferLength = samples * 2;
+        }
+    }
+
+    // The next buffer in turn, or null when it is still queued or `limit` are queued. RT call.
+    WaveHeader* TakeRT(uint32_t limit) noexcept
+    {
+        uint32_t queued = 0;
+        for (uint32_t i = 0; i < count; ++i)
+            queued += (headers[i].flags.load(std::memory_order_acquire) & kWhdrInQueue) != 0 ? 1 : 0;
+        WaveHeader& header = headers[next];
+        if (queued >= limit || (header.flags.load(std::memory_order_acquire) & kWhdrInQueue) != 0)
+            return nullptr;
+        next = (next + 1) % count;
+        return &header;
+    }
+};
+
+struct Session {
+    std::shared_ptr<ThreadMessageQueue> queue;
+    std::unique_ptr<WaveInDevice> in;
+    std::unique_ptr<WaveOutDevice> out;
+    std::unique_ptr<WaveOutDevice> monitor;
+    BufferPool inPool;
+    BufferPool outPool;
+    BufferPool monPool;
+    std::vector<int16_t> work;
+    uint32_t blockSamples = 0;
+    DeviceSettings devices;
+    std::thread audio;
+    std::atomic<bool> lost{false};
+    std::atomic<int64_t> lastInputNs{0};
+    std::atomic<int> priorityError{-1};
+};
+
+} // namespace
+
+struct AudioPipeline::Control {
+    Control(Options options, Events events)
+        : m_options(options)
+        , m_events(std::move(events))
+        , m_trace(std::make_unique<TraceRing>())
+        , m_ended(std::make_unique<EndedFunSoundRing>())
+    {
+    }
+
+    // --- control thread -------------------------------------------------------------------
+
+    void Run()
+    {
+        LogInfo("AudioPipeline: control thread started");
+        for (;;) {
+            std::shared_ptr<const ServiceState> state;
+            {
+                std::unique_lock lock(m_mutex);
+                m_wake.wait_for(lock, std::chrono::nanoseconds(Tick()), [this] { return m_quit || m_pending; });
+                if (m_quit)
+                    break;
+                state = std::move(m_pending);
+            }
+            if (state)
+                TakeState(std::move(state));
+            ManageSession();
+            DrainAudioNews();
+            CheckEffectFault();
+            ManageIdle();
+            ReapPlans();
+        }
+        CloseSession();
+        DrainAudioNews();
+        m_current = nullptr;
+        m_latest.store(nullptr, std::memory_order_release);
+        m_plans.clear();
+        m_effect.reset();
+        LogInfo("AudioPipeline: stopped after %llu blocks, %llu dropped", static_cast<unsigned long long>(m_blocks.load()),
+                static_cast<unsigned long long>(m_outputDropped.load()));
+    }
+
+    int64_t Tick() const
+    {
+        // While idle the check for a recording program paces the loop: one block at most.
+        if (m_session && m_idle.load(std::memory_order_relaxed))
+            return int64_t{m_session->devices.blockMs} * 1'000'000;
+        return kActiveTickNs;
+    }
+
+    void TakeState(std::shared_ptr<const ServiceState> state)
+    {
+        const bool reloaded = !m_state || m_state->settings != state->settings;
+        m_state = std::move(state);
+        if (reloaded) {
+            // A reload is the user's way to retry what failed.
+            m_failedSounds.clear();
+            m_failedEffectKey.clear();
+        }
+        if (m_session && DeviceSettingsOf(*m_state) != m_session->devices) {
+            LogInfo("AudioPipeline: device settings changed, opening the devices again");
+            CloseSession();
+            m_nextAttemptNs = 0;
+        }
+        BuildPlan();
+    }
+
+    std::shared_ptr<const PipelineSound> Sound(const std::string& path, bool report)
+    {
+        if (auto found = m_sounds.find(path); found != m_sounds.end())
+            return found->second;
+        if (m_failedSounds.count(path) != 0)
+            return nullptr;
+        std::string error;
+        auto sound = LoadPipelineSound(path, error);
+        if (!sound) {
+            m_failedSounds.insert(path);
+            LogError("AudioPipeline: %s", error.c_str());
+            if (report)
+                Report(error);
+            return nullptr;
+        }
+        m_sounds.emplace(path, sound);
+        return sound;
+    }
+
+    std::shared_ptr<EffectInstance> Effect(const ServiceState& state)
+    {
+        if (state.activeEffect < 0 || state.activeEffect >= kEffectSlots || !state.settings)
+            return nullptr;
+        const std::string& name = state.effectSlots[static_cast<size_t>(state.activeEffect)];
+        if (name.empty())
+            return nullptr;
+        const int index = state.settings->FindEffect(name);
+        const VoiceEffect* definition = index >= 0 ? &state.settings->m_effects[static_cast<size_t>(index)] : nullptr;
+        if (definition == nullptr || definition->m_plugin.empty()) {
+            const std::string key = "undefined:" + name;
+            if (m_failedEffectKey != key) {
+                m_failedEffectKey = key;
+                const std::string text = ServiceTextWith(212, name);
+                LogError("AudioPipeline: %s", text.c_str());
+                Report(text);
+            }
+            return nullptr;
+        }
+        const std::string path = LibPluginPath(definition->m_plugin);
+        std::string key = path;
+        for (const ParamValue& value : definition->m_values)
+            key += " " + std::to_string(value.m_value);
+        if (m_effect && m_effect->key == key && !m_effect->faultReported)
+            return m_effect;
+        if (m_failedEffectKey == key)
+            return nullptr;
+
+        auto effect = std::make_shared<EffectInstance>();
+        effect->name = name;
+        effect->key = key;
+        const MoVstErrorNum result = effect->host.SafeLoad(path, false, nullptr);
+        if (result != kVstSuccess) {
+            m_failedEffectKey = key;
+            const std::string text = ServiceText(153) + ": " + path + "\nError string: " + ServiceVstErrorText(result);
+            LogError("AudioPipeline: voice effect \"%s\": %s", name.c_str(), text.c_str());
+            Report(text);
+            return nullptr;
+        }
+        effect->host.SetParams(definition->m_values);
+        effect->host.SetProcessingEnabled(true);
+        if (!effect->host.IsLoaded()) {
+            // It faulted while taking its values.
+            m_failedEffectKey = key;
+            Report(CrashText(*effect, path));
+            return nullptr;
+        }
+        LogInfo("AudioPipeline: voice effect \"%s\" loaded from \"%s\"", name.c_str(), path.c_str());
+        m_effect = effect;
+        return effect;
+    }
+
+    static std::string CrashText(const EffectInstance& effect, const std::string& path)
+    {
+        return ServiceText(153) + ": " + path + "\nError string: the plug-in of voice effect \"" + effect.name +
+               "\" crashed and was unloaded; the voice passes unchanged.";
+    }
+
+    void BuildPlan()
+    {
+        const ServiceState& state = *m_state;
+        auto plan = std::make_unique<MixPlan>();
+        plan->generation = ++m_generation;
+        plan->effect = Effect(state);
+        if (!plan->effect)
+            m_effect.reset();
+
+        if (state.activeBackSound >= 0 && state.activeBackSound < kBackSoundSlots) {
+            const BackSoundSlot& slot = state.backSounds[static_cast<size_t>(state.activeBackSound)];
+            if (!slot.file.empty()) {
+                plan->background = Sound(LibBackSoundPath(slot.file), true);
+                plan->backgroundGain = static_cast<float>(std::clamp(slot.volume, 0, 100)) * 0.01f;
+            }
+        }
+
+        std::vector<EndedFunSound> unplayable;
+        plan->funSounds.resize(state.funSounds.size());
+        for (size_t i = 0; i < state.funSounds.size(); ++i) {
+            const FunSoundSlot& slot = state.funSounds[i];
+            MixPlan::FunSound& sound = plan->funSounds[i];
+            sound.playing = slot.playing;
+            sound.starts = slot.starts;
+            // Fun sounds are read when first played and kept while their slot holds them.
+            if (!slot.file.empty() && (slot.playing || m_sounds.count(LibFunSoundPath(slot.file)) != 0))
+                sound.sound = Sound(LibFunSoundPath(slot.file), slot.playing);
+            if (slot.playing && !sound.sound)
+                unplayable.push_back({static_cast<uint32_t>(i), slot.starts});
+        }
+        plan->voices.resize(plan->funSounds.size());
+
+        const int listen = state.settings ? state.settings->m_listen : 0;
+        plan->monitor = state.monitorOn && (listen == 0 || state.activeEffect >= 0);
+        plan->monitorVolume = static_cast<uint8_t>(std::clamp(state.monitorVol, 0, 100));
+
+        ForgetUnusedSounds(*plan);
+        MixPlan* published = plan.get();
+        m_plans.push_back(std::move(plan));
+        m_latest.store(published, std::memory_order_release);
+        if (!m_session)
+            AdoptWithoutAudio();
+        // A sound that cannot be read ends at once, so the panel does not show it playing.
+        for (const EndedFunSound& ended : unplayable)
+            Notify(ended);
+    }
+
+    void ForgetUnusedSounds(const MixPlan& plan)
+    {
+        std::set<const PipelineSound*> used;
+        if (plan.background)
+            used.insert(plan.background.get());
+        for (const MixPlan::FunSound& sound : plan.funSounds)
+            used.insert(sound.sound.get());
+        std::erase_if(m_sounds, [&used](const auto& entry) { return used.count(entry.second.get()) == 0; });
+    }
+
+    // Without devices nothing plays: the newest plan is taken over here, and what would play
+    // ends at once.
+    void AdoptWithoutAudio()
+    {
+        MixPlan* plan = AdoptLatestRT();
+        if (plan == nullptr)
+            return;
+        for (size_t i = 0; i < plan->voices.size(); ++i) {
+            if (plan->voices[i].active) {
+                plan->voices[i].active = false;
+                Notify({static_cast<uint32_t>(i), plan->funSounds[i].starts});
+            }
+        }
+    }
+
+    void ReapPlans()
+    {
+        const uint64_t inUse = m_inUse.load(std::memory_order_acquire);
+        while (m_plans.size() > 1 && m_plans.front()->generation < inUse)
+            m_plans.pop_front();
+    }
+
+    void Report(const std::string& text)
+    {
+        if (m_events.error)
+            m_events.error(text);
+    }
+
+    void Notify(const EndedFunSound& ended)
+    {
+        if (m_events.funSoundEnded)
+            m_events.funSoundEnded(ended.slot, ended.starts);
+    }
+
+    void DrainAudioNews()
+    {
+        while (const TraceBlock* block = m_trace->Front()) {
+            if (m_events.trace)
+                m_events.trace(block->samples, block->count);
+            m_trace->Pop();
+        }
+        while (const EndedFunSound* ended = m_ended->Front()) {
+            const EndedFunSound copy = *ended;
+            m_ended->Pop();
+            Notify(copy);
+        }
+        if (m_session) {
+            const int priority = m_session->priorityError.exchange(-2);
+            if (priority > 0)
+                LogWarning("AudioPipeline: no real-time priority for the audio thread (error %d); it runs at normal "
+                           "priority",
+                           priority);
+        }
+    }
+
+    void CheckEffectFault()
+    {
+        std::shared_ptr<EffectInstance> effect = m_effect;
+        if (!effect || effect->faultReported || effect->host.IsLoaded())
+            return;
+        effect->faultReported = true;
+        const std::string path = effect->host.ModulePath();
+        // Logs the fault and drops the plug-in; the audio thread has stopped calling it.
+        effect->host.SetProcessingEnabled(false);
+        m_failedEffectKey = effect->key;
+        Report(CrashText(*effect, path));
+    }
+
+    // --- devices ----------------------------------------------------------------------------
+
+    void ManageSession()
+    {
+        if (!m_state)
+            return;
+        const int64_t now = NowNs();
+        if (m_session) {
+            const int64_t stall = std::max<int64_t>(kMinStallNs, int64_t{m_session->devices.blockMs} * 10'000'000);
+            const bool lost = m_session->lost.load(std::memory_order_acquire);
+            if (!lost && now - m_session->lastInputNs.load(std::memory_order_acquire) < stall)
+                return;
+            LogError("AudioPipeline: the sound devices stopped (%s); the service goes on and reconnects",
+                     lost ? "a device went away" : "no recorded data arrives");
+            CloseSession();
+            m_outage = true;
+            m_nextAttemptNs = now;
+        }
+        if (now < m_nextAttemptNs)
+            return;
+        m_nextAttemptNs = now + int64_t{m_options.reconnectMs} * 1'000'000;
+        if (OpenSession(DeviceSettingsOf(*m_state)) && m_outage) {
+            m_outage = false;
+            LogInfo("AudioPipeline: the sound devices are back");
+        }
+    }
+
+    // Logs a failure to open once per outage, not on every retry.
+    void OpenFailure(const std::string& text)
+    {
+        if (text != m_lastOpenFailure)
+            LogError("AudioPipeline: %s", text.c_str());
+        m_lastOpenFailure = text;
+        m_outage = true;
+    }
+
+    int ResolveInput(AudioBackend& backend, const std::string& name)
+    {
+        const std::vector<std::string> names = backend.WaveDeviceNames(WaveDirection::Capture);
+        if (!name.empty()) {
+            int device = kNoDevice;
+            if (PaGetDevNByName(name, 1, device) == kMmeSuccess && device >= 0 &&
+                static_cast<size_t>(device) < names.size() && !IsVirtualMicName(names[static_cast<size_t>(device)]))
+                return device;
+            LogWarning("AudioPipeline: recording device \"%s\" not found; the default recording device is used",
+                       name.c_str());
+        }
+        // Recording our own output would feed the voice back into itself.
+        const int preferred = backend.PreferredWaveDevice(WaveDirection::Capture);
+        if (preferred < 0 || static_cast<size_t>(preferred) >= names.size() ||
+            !IsVirtualMicName(names[static_cast<size_t>(preferred)]))
+            return -1;
+        for (size_t i = 0; i < names.size(); ++i) {
+            if (!IsVirtualMicName(names[i]))
+                return static_cast<int>(i);
+        }
+        return kNoDevice;
+    }
+
+    int ResolveMonitor(AudioBackend& backend, const std::string& name)
+    {
+        const std::vector<std::string> names = backend.WaveDeviceNames(WaveDirection::Render);
+        if (!name.empty()) {
+            int device = kNoDevice;
+            if (PaGetDevNByName(name, 2, device) == kMmeSuccess && device >= 0 &&
+                static_cast<size_t>(device) < names.size() && !IsVirtualMicName(names[static_cast<size_t>(device)]))
+                return device;
+            LogWarning("AudioPipeline: monitor device \"%s\" not found; the default playback device is used",
+                       name.c_str());
+        }
+        const int preferred = backend.PreferredWaveDevice(WaveDirection::Render);
+        if (preferred >= 0 && static_cast<size_t>(preferred) < names.size() &&
+            IsVirtualMicName(names[static_cast<size_t>(preferred)]))
+            return kNoDevice;
+        return -1;
+    }
+
+    bool OpenSession(const DeviceSettings& devices)
+    {
+        std::shared_ptr<AudioBackend> backend = CurrentAudioBackend();
+        std::string why;
+        if (!backend->EnsureVirtualMicrophone(why)) {
+            OpenFailure("the virtual microphone \"" + std::string(kVirtualDeviceName) + "\" cannot be made: " + why);
+            return false;
+        }
+        int output = kNoDevice;
+        if (PaGetDevNByName(std::string(kVirtualDeviceName), 2, output) != kMmeSuccess || output < 0) {
+            OpenFailure("the virtual microphone is not among the playback devices");
+            return false;
+        }
+        const int input = ResolveInput(*backend, devices.input);
+        if (input == kNoDevice) {
+            OpenFailure("there is no recording device other than the virtual microphone");
+            return false;
+        }
+        const int monitor = ResolveMonitor(*backend, devices.monitor);
+
+        auto session = std::make_unique<Session>();
+        session->devices = devices;
+        session->blockSamples = devices.blockMs * kSampleRate / 1000;
+        session->queue = ThreadMessageQueue::Create();
+        const uint32_t bytes = session->blockSamples * 2;
+        WaveFormat format;
+        format.formatTag = kWaveFormatPcm;
+        format.channels = 1;
+        format.samplesPerSec = kSampleRate;
+        format.avgBytesPerSec = kSampleRate * 2;
+        format.blockAlign = 2;
+        format.bitsPerSample = 16;
+
+        unsigned result = backend->OpenWaveIn(input, format, {bytes, devices.inCount}, session->queue->Id(), session->in);
+        if (result != kMmOk) {
+            OpenFailure("the recording device cannot be opened (error " + std::to_string(result) + ")");
+            session->queue->Unregister();
+            return false;
+        }
+        // The device holds only what keeps it playing; our own queue bound does the rest.
+        const uint32_t ahead = std::min(devices.outCount, kMaxOutputAhead);
+        result = backend->OpenWaveOut(output, format, {bytes, ahead}, session->queue->Id(), session->out);
+        if (result != kMmOk) {
+            OpenFailure("the virtual microphone cannot be opened for playing (error " + std::to_string(result) + ")");
+            session->in.reset();
+            session->queue->Unregister();
+            return false;
+        }
+        if (monitor != kNoDevice) {
+            result = backend->OpenWaveOut(monitor, format, {bytes, std::min(devices.monCount, kMaxOutputAhead)},
+                                          session->queue->Id(), session->monitor);
+            if (result != kMmOk) {
+                LogWarning("AudioPipeline: the monitor device cannot be opened (error %u); listen-in stays silent",
+                           result);
+                session->monitor.reset();
+            }
+        }
+
+        session->inPool.Allocate(devices.inCount, session->blockSamples);
+        session->outPool.Allocate(devices.outCount, session->blockSamples);
+        session->monPool.Allocate(session->monitor ? devices.monCount : 0, session->blockSamples);
+        session->work.assign(session->blockSamples, 0);
+        for (uint32_t i = 0; i < session->inPool.count; ++i)
+            session->in->PrepareHeader(session->inPool.headers[i]);
+        for (uint32_t i = 0; i < session->outPool.count; ++i)
+            session->out->PrepareHeader(session->outPool.headers[i]);
+        for (uint32_t i = 0; i < session->monPool.count; ++i)
+            session->monitor->PrepareHeader(session->monPool.headers[i]);
+        for (uint32_t i = 0; i < session->inPool.count; ++i) {
+            if (session->in->AddBuffer(session->inPool.headers[i]) != kMmOk) {
+                OpenFailure("the recording device refused its buffers");
+                ShutDevices(*session);
+                return false;
+            }
+        }
+
+        session->lastInputNs.store(NowNs());
+        Session* raw = session.get();
+        m_session = std::move(session);
+        m_session->audio = std::thread([this, raw] { AudioThread(*raw); });
+        result = m_session->in->Start();
+        if (result != kMmOk) {
+            OpenFailure("the recording device does not start (error " + std::to_string(result) + ")");
+            CloseSession();
+            return false;
+        }
+        m_lastOpenFailure.clear();
+        m_sessions.fetch_add(1, std::memory_order_relaxed);
+        m_runningBlock.store(m_session->blockSamples, std::memory_order_relaxed);
+        m_inUsePollNs = 0;
+        LogInfo("AudioPipeline: recording device %d, virtual microphone %d, monitor %d, blocks of %u ms (%u samples), "
+                "%u/%u/%u buffers",
+                input, output, monitor, devices.blockMs, m_session->blockSamples, devices.inCount, devices.outCount,
+                m_session->monPool.count);
+        return true;
+    }
+
+    static void ShutDevices(Session& session)
+    {
+        if (session.in) {
+            session.in->Reset();
+            session.in->Close();
+        }
+        for (WaveOutDevice* out : {session.out.get(), session.monitor.get()}) {
+            if (out != nullptr) {
+                out->Reset();
+                out->Close();
+            }
+        }
+        session.in.reset();
+        session.out.reset();
+        session.monitor.reset();
+        session.queue->Unregister();
+    }
+
+    void CloseSession()
+    {
+        if (!m_session)
+            return;
+        if (m_session->audio.joinable()) {
+            m_session->queue->Post(kMsgQuit, nullptr);
+            m_session->audio.join();
+        }
+        ShutDevices(*m_session);
+        m_session.reset();
+        m_runningBlock.store(0, std::memory_order_relaxed);
+        m_idle.store(false, std::memory_order_relaxed);
+        AdoptWithoutAudio();
+    }
+
+    void ManageIdle()
+    {
+        if (!m_session || !m_options.idleWhenUnused) {
+            m_idle.store(false, std::memory_order_relaxed);
+            return;
+        }
+        const MixPlan* plan = m_latest.load(std::memory_order_acquire);
+        const bool listening = plan != nullptr && plan->monitor && m_session->monitor;
+        const bool idle = m_idle.load(std::memory_order_relaxed);
+        const int64_t now = NowNs();
+        if (listening) {
+            SetIdle(false);
+            return;
+        }
+        // Idle, the question is asked every block so that recording resumes within one.
+        if (!idle && now < m_inUsePollNs)
+            return;
+        m_inUsePollNs = now + kInUsePollActiveNs;
+        bool inUse = true;
+        if (!CurrentAudioBackend()->VirtualMicrophoneInUse(inUse))
+            inUse = true;
+        SetIdle(!inUse);
+    }
+
+    void SetIdle(bool idle)
+    {
+        if (m_idle.exchange(idle, std::memory_order_relaxed) != idle)
+            LogInfo(idle ? "AudioPipeline: nobody records from the virtual microphone; processing pauses"
+                         : "AudioPipeline: processing resumes");
+    }
+
+    // --- audio thread -----------------------------------------------------------------------
+
+    void AudioThread(Session& session)
+    {
+        CrashGuard::PrepareThread();
+        sched_param param{};
+        param.sched_priority = std::max(1, sched_get_priority_min(SCHED_FIFO) + 10);
+        session.priorityError.store(pthread_setschedparam(pthread_self(), SCHED_FIFO, &param));
+        for (;;) {
+            const ThreadMessage message = session.queue->Wait();
+            if (message.message == kMsgQuit)
+                return;
+            if (message.message != kMsgWaveInData || message.param == nullptr)
+                continue;
+            auto* header = static_cast<WaveHeader*>(message.param);
+            ProcessBlockRT(session, *header);
+            if (session.in->AddBuffer(*header) != kMmOk)
+                session.lost.store(true, std::memory_order_release);
+        }
+    }
+
+    // Takes over the newest plan when one is waiting. RT call (and the control thread's while
+    // no audio thread runs).
+    MixPlan* AdoptLatestRT() noexcept
+    {
+        MixPlan* latest = m_latest.load(std::memory_order_acquire);
+        if (latest != m_current) {
+            if (latest != nullptr)
+                TakeOverPlanRT(*latest, m_current);
+            m_current = latest;
+            m_inUse.store(latest != nullptr ? latest->generation : 0, std::memory_order_release);
+        }
+        return m_current;
+    }
+
+    void ProcessBlockRT(Session& session, const WaveHeader& header) noexcept
+    {
+        session.lastInputNs.store(NowNs(), std::memory_order_release);
+        m_blocks.fetch_add(1, std::memory_order_relaxed);
+        MixPlan* plan = AdoptLatestRT();
+        const uint32_t count = std::min(header.bytesRecorded / 2, session.blockSamples);
+        if (count == 0)
+            return;
+        int16_t* samples = session.work.data();
+        std::memcpy(samples, header.data, size_t{count} * 2);
+
+        if (m_idle.load(std::memory_order_relaxed)) {
+            if (plan != nullptr)
+                MixSoundsRT(*plan, samples, count, false, *m_ended);
+            return;
+        }
+        if (plan != nullptr) {
+            ProcessEffectRT(*plan, samples, count);
+            MixSoundsRT(*plan, samples, count, true, *m_ended);
+        }
+        if (!WriteRT(*session.out, session.outPool, samples, count, nullptr))
+            session.lost.store(true, std::memory_order_release);
+        if (plan != nullptr && plan->monitor && session.monitor)
+            WriteRT(*session.monitor, session.monPool, samples, count, plan);
+
+        if (TraceBlock* block = m_trace->BeginPush()) {
+            block->count = count;
+            std::memcpy(block->samples, samples, size_t{count} * 2);
+            m_trace->CommitPush();
+        } else {
+            m_traceDropped.fetch_add(1, std::memory_order_relaxed);
+        }
+    }
+
+    // Queues one block; `scale` gives the listen-in volume. False when the device is gone.
+    // RT call.
+    bool WriteRT(WaveOutDevice& device, BufferPool& pool, const int16_t* samples, uint32_t count,
+                 const MixPlan* scale) noexcept
+    {
+        WaveHeader* header = pool.TakeRT(kMaxOutputAhead + 1);
+        if (header == nullptr) {
+            if (scale == nullptr)
+                m_outputDropped.fetch_add(1, std::memory_order_relaxed);
+            return true;
+        }
+        std::memcpy(header->data, samples, size_t{count} * 2);
+        header->bufferLength = count * 2;
+        if (scale != nullptr)
+            ScaleMonitorRT(reinterpret_cast<int16_t*>(header->data), count, scale->monitorVolume);
+        return device.Write(*header) != kMmNoDriver;
+    }
+
+    Options m_options;
+    Events m_events;
+
+    std::mutex m_mutex;
+    std::condition_variable m_wake;
+    bool m_quit = false;
+    std::shared_ptr<const ServiceState> m_pending;
+    std::thread m_thread;
+
+    // Control thread.
+    std::shared_ptr<const ServiceState> m_state;
+    std::unique_ptr<Session> m_session;
+    std::deque<std::unique_ptr<MixPlan>> m_plans;
+    uint64_t m_generation = 0;
+    std::shared_ptr<EffectInstance> m_effect;
+    std::string m_failedEffectKey;
+    std::map<std::string, std::shared_ptr<const PipelineSound>> m_sounds;
+    std::set<std::string> m_failedSounds;
+    int64_t m_nextAttemptNs = 0;
+    int64_t m_inUsePollNs = 0;
+    bool m_outage = false;
+    std::string m_lastOpenFailure;
+
+    // Between the threads.
+    std::atomic<MixPlan*> m_latest{nullptr};
+    std::atomic<uint64_t> m_inUse{0};
+    std::atomic<bool> m_idle{false};
+    std::unique_ptr<TraceRing> m_trace;
+    std::unique_ptr<EndedFunSoundRing> m_ended;
+    std::atomic<uint64_t> m_blocks{0};
+    std::atomic<uint64_t> m_outputDropped{0};
+    std::atomic<uint64_t> m_traceDropped{0};
+    std::atomic<uint64_t> m_sessions{0};
+    std::atomic<uint32_t> m_runningBlock{0};
+
+    // The audio thread's, or the control thread's while no audio thread runs.
+    MixPlan* m_current = nullptr;
+};
+
+AudioPipeline::AudioPipeline(Options options, Events events)
+    : m_control(std::make_unique<Control>(options, std::move(events)))
+{
+}
+
+AudioPipeline::~AudioPipeline()
+{
+    Stop();
+}
+
+void AudioPipeline::Apply(std::shared_ptr<const ServiceState> state)
+{
+    Control& control = *m_control;
+    std::lock_guard lock(control.m_mutex);
+    if (control.m_quit)
+        return;
+    control.m_pending = std::move(state);
+    if (!control.m_thread.joinable())
+        control.m_thread = std::thread([&control] { control.Run(); });
+    control.m_wake.notify_one();
+}
+
+void AudioPipeline::Stop()
+{
+    Control& control = *m_control;
+    {
+        std::lock_guard lock(control.m_mutex);
+        control.m_quit = true;
+        control.m_wake.notify_one();
+    }
+    if (control.m_thread.joinable())
+        control.m_thread.join();
+}
+
+AudioPipeline::Stats AudioPipeline::GetStats() const
+{
+    const Control& control = *m_control;
+    Stats stats;
+    stats.blocks = control.m_blocks.load(std::memory_order_relaxed);
+    stats.outputDropped = control.m_outputDropped.load(std::memory_order_relaxed);
+    stats.traceDropped = control.m_traceDropped.load(std::memory_order_relaxed);
+    stats.sessions = control.m_sessions.load(std::memory_order_relaxed);
+    stats.idle = control.m_idle.load(std::memory_order_relaxed);
+    stats.blockSamples = control.m_runningBlock.load(std::memory_order_relaxed);
+    stats.running = stats.blockSamples != 0;
+    return stats;
+}
+
+} // namespace larimo
