@@ -1,0 +1,246 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The real LarimoServer against the private sound server: a tone fed into the fake microphone
+// comes out of "Larimo Microphone" shifted by the shipped pitch preset, dry without an effect,
+// with the background and fun sounds mixed in, and on the speakers only when listen-in should
+// be heard. Commands go through larimoctl, as a script would send them.
+#include "ServiceProcess.h"
+
+#include "platform/NamedObjects.h"
+#include "server/moipc_cmds.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace larimo {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string Shell(const std::string& command)
+{
+    std::string output;
+    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+    if (pipe == nullptr)
+        return output;
+    std::array<char, 4096> buffer{};
+    size_t got = 0;
+    while ((got = fread(buffer.data(), 1, buffer.size(), pipe)) > 0)
+        output.append(buffer.data(), got);
+    pclose(pipe);
+    return output;
+}
+
+// `seconds` of 44100 Hz mono from a source of the private sound server.
+std::vector<int16_t> Record(const std::string& source, double seconds)
+{
+    const std::string bytes =
+        Shell("timeout " + std::to_string(seconds) + " parec --device=" + source +
+            " --format=s16le --rate=44100 --channels=1 --latency-msec=20 --raw");
+    std::vector<int16_t> samples(bytes.size() / 2);
+    if (!samples.empty())
+        std::memcpy(samples.data(), bytes.data(), samples.size() * 2);
+    return samples;
+}
+
+// The last second or so, where whatever was switched has settled.
+std::vector<int16_t> Tail(const std::vector<int16_t>& samples)
+{
+    const size_t take = std::min<size_t>(samples.size(), 32768);
+    return {samples.end() - static_cast<std::ptrdiff_t>(take), samples.end()};
+}
+
+double Rms(const std::vector<int16_t>& samples)
+{
+    double sum = 0;
+    for (int16_t s : samples)
+        sum += static_cast<double>(s) * s;
+    return samples.empty() ? 0 : std::sqrt(sum / static_cast<double>(samples.size()));
+}
+
+// The fundamental by autocorrelation between 60 and 700 Hz.
+double PitchHz(const std::vector<int16_t>& samples)
+{
+    const size_t n = std::min<size_t>(samples.size(), 8192);
+    if (n < 2048)
+        return 0;
+    double best = 0;
+    int bestLag = 0;
+    for (int lag = 63; lag <= 735; ++lag) {
+        double sum = 0;
+        for (size_t i = 0; i + static_cast<size_t>(lag) < n; ++i)
+            sum += static_cast<double>(samples[i]) * samples[i + static_cast<size_t>(lag)];
+        sum /= static_cast<double>(n - static_cast<size_t>(lag));
+        if (sum > best * 1.0001) {
+            best = sum;
+            bestLag = lag;
+        }
+    }
+    return bestLag == 0 ? 0 : 44100.0 / bestLag;
+}
+
+void WriteSineWav(const fs::path& path, double hz, double amplitude, size_t count)
+{
+    fs::create_directories(path.parent_path());
+    std::vector<int16_t> samples(count);
+    for (size_t i = 0; i < count; ++i)
+        samples[i] = static_cast<int16_t>(amplitude * std::sin(2 * M_PI * hz * static_cast<double>(i) / 44100));
+    const auto dataBytes = static_cast<uint32_t>(count * 2);
+    std::ofstream file(path, std::ios::binary);
+    const auto u32 = [&file](uint32_t value) { file.write(reinterpret_cast<const char*>(&value), 4); };
+    const auto u16 = [&file](uint16_t value) { file.write(reinterpret_cast<const char*>(&value), 2); };
+    file.write("RIFF", 4);
+    u32(36 + dataBytes);
+    file.write("WAVEfmt ", 8);
+    u32(16);
+    u16(1);
+    u16(1);
+    u32(44100);
+    u32(88200);
+    u16(2);
+    u16(16);
+    file.write("data", 4);
+    u32(dataBytes);
+    file.write(reinterpret_cast<const char*>(samples.data()), dataBytes);
+}
+
+class ServiceAudioTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { test::UsePrivateObjectNamespace(); }
+    static void TearDownTestSuite() { test::RemovePrivateObjectNamespace(); }
+
+    void SetUp() override
+    {
+        ASSERT_NE(std::getenv("PULSE_SERVER"), nullptr) << "needs the private sound server";
+        const fs::path app(LARIMO_APP_DIR);
+        const fs::path folder = m_service.Folder();
+        fs::copy_file(app / "larimoctl", folder / "larimoctl");
+        fs::copy(app / "effects", folder / "effects", fs::copy_options::recursive);
+        fs::copy_file(app / "voiceeffects.ini", folder / "voiceeffects.ini");
+        WriteSineWav(folder / "backsounds" / "Hum.wav", 1000, 8000, 44100);
+        WriteSineWav(folder / "emoticsounds" / "Beep.wav", 2000, 8000, 22050);
+        WriteSineWav(folder / "emoticsounds" / "Long.wav", 2000, 8000, 44100 * 30);
+    }
+
+    void TearDown() override
+    {
+        m_service.Stop(SIGTERM);
+        if (!m_toneModule.empty())
+            Shell("pactl unload-module " + m_toneModule);
+    }
+
+    void Start()
+    {
+        ASSERT_TRUE(m_service.Start());
+    }
+
+    void Tone(int hz)
+    {
+        m_toneModule = Shell("pactl load-module module-sine sink=mic_feed frequency=" + std::to_string(hz));
+        while (!m_toneModule.empty() && (m_toneModule.back() == '\n'))
+            m_toneModule.pop_back();
+    }
+
+    std::string Ctl(const std::string& arguments)
+    {
+        return Shell((m_service.Folder() / "larimoctl").string() + " " + arguments);
+    }
+
+    std::vector<int16_t> RecordVirtualMic(double seconds = 2.5) { return Tail(Record("larimo_mic_source", seconds)); }
+
+    test::ServiceProcess m_service{"[effects]\neff_0=Chipmunk\neff_1=Broken\n"
+                                   "[sound_0]\nfile=Hum.wav\nvolume=100\n"
+                                   "[emotics]\nnum=2\nname_0=Beep\nfile_0=Beep.wav\nname_1=Long\nfile_1=Long.wav\n"};
+    std::string m_toneModule;
+};
+
+TEST_F(ServiceAudioTest, PitchPresetShiftsTheVoiceAndOffPassesItDry)
+{
+    Tone(150);
+    Start();
+    const double dry = PitchHz(RecordVirtualMic());
+    EXPECT_NEAR(dry, 150, 5) << "no effect active: the voice should pass unchanged";
+
+    Ctl("effect 1");
+    // The shipped Chipmunk preset raises the pitch by 8 semitones.
+    const double expected = 150 * std::pow(2.0, 8.0 / 12.0);
+    EXPECT_NEAR(PitchHz(RecordVirtualMic()), expected, expected * 0.04);
+
+    Ctl("effect off");
+    EXPECT_NEAR(PitchHz(RecordVirtualMic()), 150, 5);
+}
+
+TEST_F(ServiceAudioTest, BackgroundComesInAtItsVolume)
+{
+    Start();
+    Ctl("background 1");
+    const double full = Rms(RecordVirtualMic());
+    EXPECT_NEAR(full, 8000 / std::sqrt(2.0), 300);
+    Ctl("background-volume 1 50");
+    EXPECT_NEAR(Rms(RecordVirtualMic()) / full, 0.5, 0.05);
+    Ctl("background off");
+    EXPECT_LT(Rms(RecordVirtualMic()), 50);
+}
+
+TEST_F(ServiceAudioTest, FunSoundPlaysOnceEndsWithTheEventAndStopAllSilences)
+{
+    Start();
+    const ObjHandle event = OpenNamedEvent(kEmoticEventName);
+    ASSERT_NE(event, 0u);
+    // Nobody records yet: the sound still ends in its own time.
+    Ctl("fun 1 play");
+    EXPECT_NE(Ctl("status").find("Beep"), std::string::npos);
+    while (WaitForObject(event, 0) == kWaitObject0) {
+    }
+    // The half-second sound ends by itself: the event is set and the mark cleared.
+    EXPECT_EQ(WaitForObject(event, 5000), kWaitObject0);
+    EXPECT_NE(Ctl("status").find("Fun sounds playing: none"), std::string::npos);
+    CloseObject(event);
+
+    Ctl("fun 2 play");
+    EXPECT_GT(Rms(RecordVirtualMic(1.5)), 3000);
+    Ctl("stop-all");
+    EXPECT_LT(Rms(RecordVirtualMic(1.5)), 50);
+}
+
+TEST_F(ServiceAudioTest, ListenInReachesTheSpeakersOnlyWhenItShould)
+{
+    Tone(300);
+    Shell("sed -i '1i [monitors]\\nmonitorOn=1\\nlisten=only\\nmonitorVol=100\\n' " +
+        (m_service.Folder() / "config.ini").string());
+    Start();
+    EXPECT_LT(Rms(Tail(Record("speakers.monitor", 2))), 50) << "listen mode only, no effect active";
+    Ctl("effect 1");
+    EXPECT_GT(Rms(Tail(Record("speakers.monitor", 2))), 1000);
+    Ctl("listen off");
+    EXPECT_LT(Rms(Tail(Record("speakers.monitor", 2))), 50);
+}
+
+TEST_F(ServiceAudioTest, BrokenPluginGivesAnErrorTextAndADryVoice)
+{
+    std::ofstream(m_service.Folder() / "effects" / "Garbage.so") << "not a plug-in";
+    const fs::path definitions = m_service.Folder() / "voiceeffects.ini";
+    std::string text = Shell("cat " + definitions.string());
+    const size_t count = text.find("numEffects=11");
+    ASSERT_NE(count, std::string::npos);
+    text.replace(count, 13, "numEffects=12");
+    std::ofstream(definitions) << text << "\n[eff_11]\nvst=Garbage\nname=Broken\nnumParams=0\n";
+    Tone(150);
+    Start();
+    Ctl("effect 2");
+    EXPECT_NEAR(PitchHz(RecordVirtualMic()), 150, 5);
+    const std::string errors = Ctl("errors");
+    EXPECT_NE(errors.find("Error loading VST plug-in: "), std::string::npos) << errors;
+    EXPECT_NE(errors.find("Garbage.so"), std::string::npos) << errors;
+    EXPECT_NE(Ctl("status").find("Voice service: running"), std::string::npos);
+}
+
+} // namespace
+} // namespace larimo
