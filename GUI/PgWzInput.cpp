@@ -32,8 +32,7 @@ constexpr int kOsciId = 1083;
 CPgWzInput::CPgWzInput(Config& settings, int pageCount, QWidget* parent)
     : CWizardPage(settings, pageCount, kDialogId, parent)
 {
-    setTitle(QString::fromStdString(GetText(118)));
-    setSubTitle(QString::fromStdString(GetText(119)));
+    SetHeaderTexts(118, 119);
 
     m_message = new QLabel(this);
     m_message->setWordWrap(true);
@@ -52,7 +51,8 @@ CPgWzInput::CPgWzInput(Config& settings, int pageCount, QWidget* parent)
     m_osci = new OSCI(this, kOsciId);
     m_osci->setProperty(kCtrlIdProperty, kOsciId);
     m_osci->setObjectName(QStringLiteral("ctrl%1").arg(kOsciId));
-    m_osci->setMinimumSize(320, 96);
+    m_osci->setMinimumWidth(320);
+    m_osci->setFixedHeight(120);
 
     auto* signalRow = new QHBoxLayout;
     signalRow->addWidget(m_osci, 1);
@@ -64,7 +64,8 @@ CPgWzInput::CPgWzInput(Config& settings, int pageCount, QWidget* parent)
     layout->addWidget(m_channelLabel);
     layout->addWidget(m_channels);
     layout->addSpacing(8);
-    layout->addLayout(signalRow, 1);
+    layout->addLayout(signalRow);
+    layout->addStretch(1);
 
     m_channelLabel->hide();
     m_channels->hide();

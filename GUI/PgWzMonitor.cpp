@@ -34,8 +34,7 @@ constexpr const char* kTestWave = "test.wav";
 CPgWzMonitor::CPgWzMonitor(Config& settings, int pageCount, QWidget* parent)
     : CWizardPage(settings, pageCount, kDialogId, parent)
 {
-    setTitle(QString::fromStdString(GetText(116)));
-    setSubTitle(QString::fromStdString(GetText(117)));
+    SetHeaderTexts(116, 117);
 
     m_message = new QLabel(this);
     m_message->setWordWrap(true);
@@ -51,7 +50,8 @@ CPgWzMonitor::CPgWzMonitor(Config& settings, int pageCount, QWidget* parent)
     m_osci = new OSCI(this, kOsciId);
     m_osci->setProperty(kCtrlIdProperty, kOsciId);
     m_osci->setObjectName(QStringLiteral("ctrl%1").arg(kOsciId));
-    m_osci->setMinimumSize(320, 96);
+    m_osci->setMinimumWidth(320);
+    m_osci->setFixedHeight(120);
 
     auto* deviceRow = new QHBoxLayout;
     deviceRow->addWidget(m_devices, 1);
@@ -63,7 +63,8 @@ CPgWzMonitor::CPgWzMonitor(Config& settings, int pageCount, QWidget* parent)
     layout->addWidget(m_message);
     layout->addLayout(deviceRow);
     layout->addSpacing(8);
-    layout->addLayout(signalRow, 1);
+    layout->addLayout(signalRow);
+    layout->addStretch(1);
 
     connect(m_devices, &QComboBox::currentIndexChanged, this, [this] { OnDeviceChanged(); });
     connect(m_test, &QPushButton::clicked, this, [this] { OnTestClicked(); });

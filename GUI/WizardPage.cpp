@@ -127,6 +127,18 @@ std::string CWizardPage::SelectedDevice() const
     return m_devices->currentText().toStdString();
 }
 
+void CWizardPage::SetHeaderTexts(unsigned titleId, unsigned subTitleId)
+{
+    // The header's own labels take their colour from a palette Qt keeps private; rich text
+    // carries the colour with it.
+    auto coloured = [](unsigned id, const char* colour) {
+        return QStringLiteral("<span style=\"color:%1\">%2</span>")
+            .arg(QLatin1String(colour), QString::fromStdString(GetText(id)).toHtmlEscaped());
+    };
+    setTitle(coloured(titleId, "#e8eaf2"));
+    setSubTitle(coloured(subTitleId, "#aab1c7"));
+}
+
 void CWizardPage::Warn(unsigned style, const std::string& text)
 {
     ShowMessage(nullptr, style, "%s", text.c_str());

@@ -77,6 +77,8 @@ protected:
                      unsigned severalText);
     /// The chosen device, empty when none.
     std::string SelectedDevice() const;
+    /// Sets the header title and subtitle, coloured for the dark banner they lie on.
+    void SetHeaderTexts(unsigned titleId, unsigned subTitleId);
     /// A warning or error message box (no owner; the caption is the application's title).
     static void Warn(unsigned style, const std::string& text);
 

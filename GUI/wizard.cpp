@@ -10,7 +10,6 @@
 #include "wmme.h"
 
 #include <QAbstractButton>
-#include <QLabel>
 #include <QLinearGradient>
 #include <QPainter>
 #include <QPainterPath>
@@ -28,8 +27,6 @@ const QColor kHeaderBottom(0x12, 0x14, 0x1b);
 const QColor kEdge(0x3a, 0x40, 0x55);
 const QColor kAccentViolet(0x8b, 0x5c, 0xf6);
 const QColor kAccentCyan(0x22, 0xc3, 0xee);
-const QColor kText(0xe8, 0xea, 0xf2);
-const QColor kLabel(0x8b, 0x93, 0xad);
 
 constexpr int kBannerHeight = 76;
 
@@ -64,7 +61,7 @@ QPixmap WizardBanner(QSize size, qreal devicePixelRatio)
     glow.setColorAt(1.0, Qt::transparent);
     painter.fillRect(area, glow);
 
-    const double left = area.width() * 0.46;
+    const double left = area.width() * 0.62;
     const double width = area.width() - left;
     for (int layer = 0; layer < 3; ++layer) {
         QPainterPath trace;
@@ -121,20 +118,8 @@ CWizardSheet::CWizardSheet(Config& settings, bool showInput, bool showMonitor, Q
         addPage(m_monitor);
     }
 
-    // The header's title and subtitle lie on the dark banner.
-    for (QWidget* child : findChildren<QWidget*>()) {
-        if (qstrcmp(child->metaObject()->className(), "QWizardHeader") == 0) {
-            QPalette palette = child->palette();
-            palette.setColor(QPalette::WindowText, kText);
-            palette.setColor(QPalette::Text, kText);
-            child->setPalette(palette);
-            for (QLabel* label : child->findChildren<QLabel*>()) {
-                QPalette labelPalette = label->palette();
-                labelPalette.setColor(QPalette::WindowText, label->font().bold() ? kText : kLabel);
-                label->setPalette(labelPalette);
-            }
-        }
-    }
+    setTitleFormat(Qt::RichText);
+    setSubTitleFormat(Qt::RichText);
 
     connect(this, &QWizard::currentIdChanged, this, &CWizardSheet::OnPageChanged);
 }

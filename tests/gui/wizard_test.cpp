@@ -14,6 +14,7 @@
 
 #include <QAbstractButton>
 #include <QApplication>
+#include <QImage>
 #include <QComboBox>
 #include <QLabel>
 #include <QPushButton>
@@ -393,6 +394,49 @@ TEST_F(WizardTest, ShowWizardStoresTheAnswersOnlyWhenCompleted)
     const SheetWatch never = WatchForSheet([](CWizardSheet& sheet) { sheet.reject(); });
     EXPECT_TRUE(ShowWizard(reread));
     EXPECT_FALSE(never->shown) << "a completed wizard is not shown again";
+}
+
+// Renders both pages for a person to look at (wizard-render/ beside the test) and checks
+// that the banner keeps the default skin's dark look behind the header text.
+TEST_F(WizardTest, RendersBothPagesOnTheDarkBanner)
+{
+    Install({"Microphone (USB Audio)", "Line In (Onboard Audio)"}, {"Headset (USB Audio)", "Speakers (Onboard Audio)"});
+    m_audio->SetMixerTopology(0, MuxOf({"Line In", "Microphone", "CD"}));
+    CWizardSheet sheet(m_settings, true, true);
+    sheet.resize(640, 500);
+    sheet.show();
+    auto* devices = Ctrl<QComboBox>(*sheet.InputPage(), 1120);
+    devices->setCurrentIndex(devices->findText("Microphone (USB Audio)"));
+    PortMixer other;
+    ASSERT_TRUE(other.Open(0, 0, nullptr));
+    other.SetRecVolume(PositionToVolume(70));
+    EXPECT_TRUE(WaitUntil([&] { return Ctrl<QSlider>(*sheet.InputPage(), 1073)->value() == 70; }))
+        << Ctrl<QSlider>(*sheet.InputPage(), 1073)->value();
+    auto* osci = sheet.InputPage()->findChild<OSCI*>("ctrl1083");
+    osci->ClearData();
+    m_audio->InjectInput(0, SineBytes(330.0, 12000, 44100 / 5));
+    m_audio->Advance(50);
+    WaitUntil([&] { return osci->QueuedSamples() > 0; });
+
+    std::filesystem::create_directories("wizard-render");
+    const QImage input = sheet.grab().toImage();
+    ASSERT_TRUE(input.save("wizard-render/wizard-input.png"));
+    const QColor corner = input.pixelColor(8, 8);
+    EXPECT_LT(corner.lightness(), 70) << "the banner is dark";
+
+    sheet.next();
+    auto* outputs = Ctrl<QComboBox>(*sheet.MonitorPage(), 1120);
+    outputs->setCurrentIndex(outputs->findText("Headset (USB Audio)"));
+    Ctrl<QPushButton>(*sheet.MonitorPage(), 1028)->click();
+    EXPECT_GT(sheet.MonitorPage()->findChild<OSCI*>("ctrl1083")->QueuedSamples(), 0U) << "primed buffers are shown";
+    const QImage monitor = sheet.grab().toImage();
+    ASSERT_TRUE(monitor.save("wizard-render/wizard-monitor.png"));
+    sheet.reject();
+
+    const QPixmap banner = WizardBanner(QSize(400, 76));
+    const QImage image = banner.toImage();
+    EXPECT_LT(image.pixelColor(10, 38).lightness(), 60) << "room for the title on the left";
+    EXPECT_TRUE(image.save("wizard-render/wizard-banner.png"));
 }
 
 } // namespace
