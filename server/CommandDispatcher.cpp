@@ -63,8 +63,9 @@ private:
 
 void AppendU32(std::vector<uint8_t>& out, uint32_t value)
 {
-    const auto* bytes = reinterpret_cast<const uint8_t*>(&value);
-    out.insert(out.end(), bytes, bytes + 4);
+    const size_t at = out.size();
+    out.resize(at + 4);
+    std::memcpy(out.data() + at, &value, 4);
 }
 
 bool IsSlotOrNone(uint32_t slot, int slots)
