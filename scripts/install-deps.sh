@@ -23,6 +23,8 @@ packages=(
   libpulse-dev pulseaudio pulseaudio-utils
   # the control panel and its skins (Qt 6 Widgets); Xvfb for tests of the shown window
   qt6-base-dev qt6-base-dev-tools libgl-dev xvfb xauth fonts-dejavu-core
+  # the panel's global hot keys (xcb key grabs); pressing keys and screenshots in its tests
+  libxcb1-dev libxcb-keysyms1-dev xdotool imagemagick
 )
 
 missing=()

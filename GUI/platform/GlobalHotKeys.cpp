@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "GlobalHotKeys.h"
+
+#include "X11HotKeys.h"
+#include "mlog.h"
+
+#include <QGuiApplication>
+
+namespace larimo {
+
+namespace {
+
+// Offscreen and other platforms without a desktop: the panel works, hot keys stay off.
+class NoHotKeys final : public GlobalHotKeys {
+public:
+    NoHotKeys(QObject* parent, std::string why)
+        : GlobalHotKeys(parent)
+        , m_why(std::move(why))
+    {
+        LogInfo("Global hot keys are off: %s", m_why.c_str());
+    }
+    bool Register(int /*id*/, uint32_t /*virtualKey*/, uint32_t /*modifiers*/) override { return false; }
+    void UnregisterAll() override {}
+    bool Available() const override { return false; }
+    std::string BackendName() const override { return "none (" + m_why + ")"; }
+
+private:
+    std::string m_why;
+};
+
+} // namespace
+
+GlobalHotKeys* CreateGlobalHotKeys(QObject* parent)
+{
+    const QString platform = QGuiApplication::platformName();
+    if (platform == "xcb")
+        return new X11HotKeys(parent);
+    return new NoHotKeys(parent, "the platform \"" + platform.toStdString() + "\" has no global key grabs");
+}
+
+} // namespace larimo
