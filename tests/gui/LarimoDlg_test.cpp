@@ -1,0 +1,356 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The main window against the real LarimoServer and the private sound server: what each handler
+// leaves in config.ini, and the controls following the service through stop, kill and restart.
+#include "LarimoDlg.h"
+
+#include "FFButton.h"
+#include "FFSliderCtrl.h"
+#include "FFStaticText.h"
+#include "MoListBox.h"
+
+#include "../server/ServiceProcess.h"
+
+#include "config.h"
+#include "error.h"
+#include "modb.h"
+#include "texts.h"
+#include "wintools.h"
+
+#include <QApplication>
+#include <QMenu>
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+
+extern "C" const char* __asan_default_options()
+{
+    // Qt's platform plugins keep caches until exit; they are not ours to free.
+    return "detect_leaks=0";
+}
+
+namespace larimo {
+namespace {
+
+namespace fs = std::filesystem;
+
+// The application lives from the first test to the end of the run and goes before exit
+// handlers run, while the platform plug-in can still clean up.
+class QtEnvironment final : public ::testing::Environment {
+public:
+    void SetUp() override
+    {
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+        m_application = std::make_unique<QApplication>(m_argc, m_argv);
+    }
+    void TearDown() override { m_application.reset(); }
+
+private:
+    int m_argc = 1;
+    char m_name[16] = "larimo_dlg_test";
+    char* m_argv[2] = {m_name, nullptr};
+    std::unique_ptr<QApplication> m_application;
+};
+
+[[maybe_unused]] ::testing::Environment* const kQtEnvironment =
+    ::testing::AddGlobalTestEnvironment(std::make_unique<QtEnvironment>().release());
+
+class RecordingSink final : public MessageBoxSink {
+public:
+    int ShowMessageBox(void* /*owner*/, const std::string& text, const std::string& caption, unsigned style) override
+    {
+        m_boxes.push_back({text, caption, style});
+        return IDOK;
+    }
+    struct Box {
+        std::string text;
+        std::string caption;
+        unsigned style;
+    };
+    std::vector<Box> m_boxes;
+};
+
+std::string Settings(const std::string& extra = {})
+{
+    const std::string source = LARIMO_SOURCE_DIR;
+    return "[sys]\nwizard=1\nskinFile=" + source + "/data/skins/en/Default.sdf\nlangsPath=" + source +
+           "/data/lang/\nlangFile=" + source + "/data/lang/larimo_en.tra\n" +
+           "[effects]\neff_0=Robot\neff_1=Deep\n[emotics]\nnum=2\nname_0=Laugh\nfile_0=Party\\Laugh.wav\n"
+           "name_1=Boing\nfile_1=Party\\Boing.wav\n" + extra;
+}
+
+bool Pump(int ms, const std::function<bool()>& done)
+{
+    return test::WaitFor(ms, [&] {
+        QCoreApplication::processEvents();
+        return done();
+    });
+}
+
+class LarimoDlgTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { test::UsePrivateObjectNamespace(); }
+    static void TearDownTestSuite() { test::RemovePrivateObjectNamespace(); }
+
+    void SetUp() override
+    {
+        const fs::path folder = m_service.Folder();
+        fs::create_directories(folder / "backsounds");
+        fs::create_directories(folder / "emoticsounds" / "Party");
+        fs::create_directories(folder / "emoticsounds" / "Empty" / "Deeper");
+        for (const char* name : {"Rain.wav", "Cafe.wav"})
+            fs::copy_file(fs::path(LARIMO_SOURCE_DIR) / "data" / "test.wav", folder / "backsounds" / name);
+        for (const char* name : {"Laugh.wav", "Boing.wav"})
+            fs::copy_file(fs::path(LARIMO_SOURCE_DIR) / "data" / "test.wav", folder / "emoticsounds" / "Party" / name);
+        std::ofstream(folder / "emoticsounds" / "Empty" / "notes.txt") << "no sound here";
+        std::ofstream(folder / "voiceeffects.ini") << "[sys]\nnumEffects=2\n\n[eff_0]\nvst=Robot\nname=Robot\n"
+                                                      "numParams=0\n\n[eff_1]\nvst=Pitch\nname=Deep\nnumParams=0\n";
+        SetDataRoot(folder.string());
+        LibInit(folder.string());
+        Config general(folder.string());
+        general.ReadGeneral();
+        ASSERT_TRUE(StartTexts(general.m_langsPath, general.m_langFile));
+        SetMessageBoxSink(&m_sink);
+        SetMessageDefaults(nullptr, "Larimo");
+    }
+
+    void TearDown() override
+    {
+        m_dialog.reset();
+        SetMessageBoxSink(nullptr);
+        EndTexts();
+    }
+
+    CLarimoDlg& Open()
+    {
+        m_dialog = std::make_unique<CLarimoDlg>();
+        EXPECT_TRUE(m_dialog->OnInitDialog());
+        m_dialog->show();
+        return *m_dialog;
+    }
+
+    bool WaitConnected(bool connected)
+    {
+        return Pump(5000, [&] {
+            return m_dialog->IsConnected() == connected &&
+                   m_dialog->Control(CLarimoDlg::kStopAll)->isEnabled() == connected;
+        });
+    }
+
+    Config Saved() const
+    {
+        Config saved(m_service.Folder().string());
+        saved.LoadAll();
+        return saved;
+    }
+
+    test::ServiceProcess m_service{Settings()};
+    RecordingSink m_sink;
+    std::unique_ptr<CLarimoDlg> m_dialog;
+};
+
+TEST_F(LarimoDlgTest, ControlsFollowTheServiceThroughStopKillAndRestart)
+{
+    CLarimoDlg& dialog = Open();
+    EXPECT_FALSE(dialog.Control(CLarimoDlg::kEffectRadio1)->isEnabled());
+
+    ASSERT_TRUE(m_service.Start());
+    ASSERT_TRUE(WaitConnected(true));
+    EXPECT_TRUE(dialog.Control(CLarimoDlg::kEffectRadio1)->isEnabled());
+    EXPECT_TRUE(dialog.Control(CLarimoDlg::kEffectConfig1)->isEnabled());
+
+    m_service.Stop(SIGTERM);
+    ASSERT_TRUE(WaitConnected(false));
+    EXPECT_FALSE(dialog.Control(CLarimoDlg::kSoundRadio1 + 1)->isEnabled());
+    EXPECT_TRUE(dialog.Control(CLarimoDlg::kSoundConfig1 + 1)->isEnabled()) << "configure buttons stay usable";
+
+    ASSERT_TRUE(m_service.Start());
+    ASSERT_TRUE(WaitConnected(true));
+    m_service.Stop(SIGKILL);
+    ASSERT_TRUE(WaitConnected(false)) << "a killed service must read as stopped";
+    ASSERT_TRUE(m_service.Start());
+    ASSERT_TRUE(WaitConnected(true));
+}
+
+TEST_F(LarimoDlgTest, ASecondClickOnTheActiveSlotSwitchesItOff)
+{
+    ASSERT_TRUE(m_service.Start());
+    CLarimoDlg& dialog = Open();
+    ASSERT_TRUE(WaitConnected(true));
+
+    auto* second = dialog.ControlAs<CFFButton>(CLarimoDlg::kEffectRadio1 + 1);
+    second->SetCheck(1);
+    dialog.OnSelectEffect(second->CtrlId());
+    EXPECT_EQ(Saved().m_activeEffect, 1);
+    EXPECT_EQ(dialog.EffectIndex(), 1);
+
+    dialog.OnSelectEffect(second->CtrlId());
+    EXPECT_EQ(Saved().m_activeEffect, -1);
+    EXPECT_EQ(second->GetCheck(), 0);
+
+    auto* sound = dialog.ControlAs<CFFButton>(CLarimoDlg::kSoundRadio1 + 2);
+    sound->SetCheck(1);
+    dialog.OnSelectSound(sound->CtrlId());
+    EXPECT_EQ(Saved().m_activeBackSound, 2);
+    dialog.OnSelectSound(sound->CtrlId());
+    EXPECT_EQ(Saved().m_activeBackSound, -1);
+}
+
+TEST_F(LarimoDlgTest, HotKeysToggleSlotsAndStepVolumesWithinRange)
+{
+    CLarimoDlg& dialog = Open();
+    dialog.OnHotKey(kScVoiceEffect2);
+    EXPECT_EQ(Saved().m_activeEffect, 1);
+    EXPECT_EQ(dialog.ControlAs<CFFButton>(CLarimoDlg::kEffectRadio1 + 1)->GetCheck(), 1);
+    dialog.OnHotKey(kScVoiceEffect2);
+    EXPECT_EQ(Saved().m_activeEffect, -1);
+
+    auto* slider = dialog.ControlAs<CFFSliderCtrl>(CLarimoDlg::kSoundSlider1);
+    CLarimoDlg::ShowSliderValue(*slider, 95);
+    dialog.OnHotKey(kScBackSound1VolAdd);
+    EXPECT_EQ(Saved().m_backSounds[0].m_volume, 100);
+    if (slider->orientation() == Qt::Vertical) {
+        EXPECT_EQ(slider->value(), 0) << "a vertical slider showing 100 has its thumb at the top";
+    }
+    CLarimoDlg::ShowSliderValue(*slider, 5);
+    dialog.OnHotKey(kScBackSound1VolSub);
+    EXPECT_EQ(Saved().m_backSounds[0].m_volume, 0);
+
+    dialog.OnHotKey(kScBackSound3);
+    EXPECT_EQ(Saved().m_activeBackSound, 2);
+    dialog.OnHotKey(kScStop);
+    EXPECT_EQ(Saved().m_activeBackSound, -1);
+    EXPECT_EQ(Saved().m_activeEffect, -1);
+}
+
+TEST_F(LarimoDlgTest, SlidersSaveWhileStoppedAndListenFollowsItsButton)
+{
+    CLarimoDlg& dialog = Open();
+    auto* slider = dialog.ControlAs<CFFSliderCtrl>(CLarimoDlg::kSoundSlider1 + 1);
+    slider->setValue(slider->orientation() == Qt::Vertical ? 30 : 70);
+    dialog.ChangeSoundFromSlider(1);
+    EXPECT_EQ(Saved().m_backSounds[1].m_volume, 70);
+
+    auto* level = dialog.ControlAs<CFFSliderCtrl>(CLarimoDlg::kMonitorLevel);
+    level->setValue(level->orientation() == Qt::Vertical ? 60 : 40);
+    dialog.ChangeMonitorLvlFromSlider();
+    EXPECT_EQ(Saved().m_monitorVol, 40);
+
+    const bool before = Saved().m_monitorOn;
+    dialog.OnBnClickedMonitor();
+    EXPECT_EQ(Saved().m_monitorOn, !before);
+    EXPECT_EQ(dialog.ControlAs<CFFButton>(CLarimoDlg::kMonitor)->GetCheck() != 0, !before);
+}
+
+TEST_F(LarimoDlgTest, FunSoundMarksNeedTheServiceAndStopAllClearsThem)
+{
+    CLarimoDlg& dialog = Open();
+    auto* list = dialog.ControlAs<CMoListBox>(CLarimoDlg::kFunSoundList);
+    ASSERT_EQ(list->Count(), 2);
+    dialog.OnPlayEmotic(0);
+    EXPECT_FALSE(list->GetSel(0)) << "nothing changes while not connected";
+
+    ASSERT_TRUE(m_service.Start());
+    ASSERT_TRUE(WaitConnected(true));
+    dialog.OnPlayEmotic(0);
+    EXPECT_TRUE(list->GetSel(0));
+    dialog.OnPlayEmotic(0);
+    EXPECT_FALSE(list->GetSel(0));
+    dialog.OnPlayEmotic(1);
+    dialog.StopAll();
+    EXPECT_FALSE(list->GetSel(1));
+}
+
+TEST_F(LarimoDlgTest, ConfigureMenusCancelEmptiesSlotsAndDismissalChangesNothing)
+{
+    CLarimoDlg& dialog = Open();
+    QStringList shown;
+    auto pick = [&](const QString& text) {
+        dialog.SetMenuRunner([&shown, text](QMenu& menu, const QPoint&) -> QAction* {
+            shown.clear();
+            for (QAction* action : menu.actions())
+                shown << action->text();
+            for (QAction* action : menu.actions()) {
+                if (action->text() == text)
+                    return action;
+            }
+            return nullptr;
+        });
+    };
+
+    pick("Deep");
+    dialog.ConfigEffect(0);
+    EXPECT_EQ(shown, QStringList({"Robot", "Deep", "Cancel"}));
+    EXPECT_EQ(Saved().m_effectSlots[0], "Deep");
+    EXPECT_EQ(dialog.ControlAs<CFFStaticText>(CLarimoDlg::kEffectText1)->Text(), "Deep");
+    pick({});
+    dialog.ConfigEffect(0);
+    EXPECT_EQ(Saved().m_effectSlots[0], "Deep") << "a dismissed menu changes nothing";
+    pick("Cancel");
+    dialog.ConfigEffect(0);
+    EXPECT_EQ(Saved().m_effectSlots[0], "");
+
+    pick("Rain");
+    dialog.ConfigSound(2);
+    EXPECT_TRUE(shown.contains("Cafe") && shown.contains("Rain") && shown.last() == "Cancel");
+    EXPECT_EQ(Saved().m_backSounds[2].m_file, "Rain.wav");
+    EXPECT_EQ(Saved().m_backSounds[2].m_descr, "Rain");
+    pick("Cancel");
+    dialog.ConfigSound(2);
+    EXPECT_EQ(Saved().m_backSounds[2].m_file, "");
+
+    // The fun sound menu: "Party" holds sounds, "Empty" only a text file and an empty folder.
+    dialog.SetMenuRunner([&shown](QMenu& menu, const QPoint&) -> QAction* {
+        shown.clear();
+        for (QAction* action : menu.actions())
+            shown << action->text();
+        for (QAction* action : menu.actions()) {
+            if (action->menu() != nullptr && action->text() == "Party") {
+                for (QAction* item : action->menu()->actions()) {
+                    if (item->text() == "Boing")
+                        return item;
+                }
+            }
+        }
+        return nullptr;
+    });
+    dialog.ConfigEmotic(0, 0, 0);
+    EXPECT_EQ(shown, QStringList({"Party", "Cancel"})) << "empty branches must vanish";
+    EXPECT_EQ(Saved().m_emotics[0].m_file, "Party\\Boing.wav");
+    EXPECT_EQ(Saved().m_emotics[0].m_name, "Boing");
+    EXPECT_EQ(dialog.ControlAs<CMoListBox>(CLarimoDlg::kFunSoundList)->ItemText(0), "Boing");
+    pick("Cancel");
+    dialog.ConfigEmotic(0, 0, 0);
+    EXPECT_EQ(Saved().m_emotics[0].m_file, "Party\\Boing.wav") << "Cancel in the fun sound menu changes nothing";
+}
+
+TEST_F(LarimoDlgTest, CheckParamsWarnsOfAMissingRecordingDevice)
+{
+    CLarimoDlg& dialog = Open();
+    Config settings = Saved();
+    settings.m_input = "No Such Microphone";
+    m_sink.m_boxes.clear();
+    dialog.CheckParams(settings);
+    ASSERT_FALSE(m_sink.m_boxes.empty());
+    EXPECT_NE(m_sink.m_boxes.back().text.find("No Such Microphone"), std::string::npos);
+    EXPECT_EQ(m_sink.m_boxes.back().style & MB_ICONMASK, MB_ICONWARNING);
+}
+
+TEST_F(LarimoDlgTest, AMissingSkinObjectEndsTheWindowWithOneSkinError)
+{
+    const fs::path skin = m_service.Folder() / "Broken.sdf";
+    std::ofstream(skin) << "[Larimo]\nsize=100,100\n\n[ERadio1]\n\n";
+    Config settings = Saved();
+    settings.m_skinFile = skin.string();
+    settings.WriteGeneral();
+    CLarimoDlg dialog;
+    EXPECT_FALSE(dialog.OnInitDialog());
+    ASSERT_EQ(m_sink.m_boxes.size(), 1U);
+    EXPECT_EQ(m_sink.m_boxes[0].caption, "Skin error");
+    EXPECT_EQ(m_sink.m_boxes[0].text, "Could not parse skin for [EText1] control.");
+}
+
+} // namespace
+} // namespace larimo
