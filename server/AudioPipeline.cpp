@@ -132,6 +132,9 @@ struct Session {
     std::atomic<bool> lost{false};
     std::atomic<int64_t> lastInputNs{0};
     std::atomic<int> priorityError{-1};
+    // The backend's count of programs recording from the virtual microphone; null when it
+    // cannot keep one and the control thread asks instead.
+    std::shared_ptr<const std::atomic<int32_t>> recorders;
 };
 
 } // namespace
@@ -179,8 +182,9 @@ struct AudioPipeline::Control {
 
     int64_t Tick() const
     {
-        // While idle the check for a recording program paces the loop: one block at most.
-        if (m_session && m_idle.load(std::memory_order_relaxed))
+        // While idle the check for a recording program paces the loop: one block at most. A
+        // backend that counts recorders itself needs no asking; the audio thread reads it.
+        if (m_session && !m_session->recorders && m_idle.load(std::memory_order_relaxed))
             return int64_t{m_session->devices.blockMs} * 1'000'000;
         return kActiveTickNs;
     }
@@ -557,6 +561,8 @@ struct AudioPipeline::Control {
             }
         }
 
+        if (m_options.idleWhenUnused)
+            session->recorders = backend->WatchVirtualMicrophone();
         session->lastInputNs.store(NowNs());
         Session* raw = session.get();
         m_session = std::move(session);
@@ -608,6 +614,7 @@ struct AudioPipeline::Control {
         m_session.reset();
         m_runningBlock.store(0, std::memory_order_relaxed);
         m_idle.store(false, std::memory_order_relaxed);
+        m_loggedIdle = false;
         AdoptWithoutAudio();
     }
 
@@ -621,6 +628,15 @@ struct AudioPipeline::Control {
         const bool listening = plan != nullptr && plan->monitor && m_session->monitor;
         const bool idle = m_idle.load(std::memory_order_relaxed);
         const int64_t now = NowNs();
+        if (m_session->recorders) {
+            // The audio thread decides from the backend's count; only the news is logged here.
+            const bool audioIdle = m_idle.load(std::memory_order_relaxed);
+            if (audioIdle != m_loggedIdle) {
+                m_loggedIdle = audioIdle;
+                LogIdle(audioIdle);
+            }
+            return;
+        }
         if (listening) {
             SetIdle(false);
             return;
@@ -638,8 +654,14 @@ struct AudioPipeline::Control {
     void SetIdle(bool idle)
     {
         if (m_idle.exchange(idle, std::memory_order_relaxed) != idle)
-            LogInfo(idle ? "AudioPipeline: nobody records from the virtual microphone; processing pauses"
-                         : "AudioPipeline: processing resumes");
+            LogIdle(idle);
+        m_loggedIdle = idle;
+    }
+
+    static void LogIdle(bool idle)
+    {
+        LogInfo(idle ? "AudioPipeline: nobody records from the virtual microphone; processing pauses"
+                     : "AudioPipeline: processing resumes");
     }
 
     // --- audio thread -----------------------------------------------------------------------
@@ -688,7 +710,7 @@ struct AudioPipeline::Control {
         int16_t* samples = session.work.data();
         std::memcpy(samples, header.data, size_t{count} * 2);
 
-        if (m_idle.load(std::memory_order_relaxed)) {
+        if (IdleRT(session, plan)) {
             if (plan != nullptr)
                 MixSoundsRT(*plan, samples, count, false, *m_ended);
             return;
@@ -709,6 +731,19 @@ struct AudioPipeline::Control {
         } else {
             m_traceDropped.fetch_add(1, std::memory_order_relaxed);
         }
+    }
+
+    // With a backend that counts recorders the decision is taken per block, so processing
+    // resumes with the first block after a program started recording. RT call.
+    bool IdleRT(const Session& session, const MixPlan* plan) noexcept
+    {
+        if (!session.recorders)
+            return m_idle.load(std::memory_order_relaxed);
+        const bool listening = plan != nullptr && plan->monitor && session.monitor;
+        // An unknown count (the server is away) keeps the voice flowing.
+        const bool idle = !listening && session.recorders->load(std::memory_order_acquire) == 0;
+        m_idle.store(idle, std::memory_order_relaxed);
+        return idle;
     }
 
     // Queues one block; `scale` gives the listen-in volume. False when the device is gone.
@@ -750,6 +785,7 @@ struct AudioPipeline::Control {
     int64_t m_nextAttemptNs = 0;
     int64_t m_inUsePollNs = 0;
     bool m_outage = false;
+    bool m_loggedIdle = false;
     std::string m_lastOpenFailure;
 
     // Between the threads.

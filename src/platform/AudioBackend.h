@@ -199,7 +199,16 @@ public:
     virtual bool EnsureVirtualMicrophone(std::string& why) = 0;
     /// Whether some program records from the virtual microphone now; false when unknown.
     virtual bool VirtualMicrophoneInUse(bool& inUse) = 0;
+    /// A count of the programs recording from the virtual microphone that the backend keeps
+    /// current from the sound system's own notifications, so nobody has to ask: the number of
+    /// running recording streams on it, kRecordersUnknown while the backend cannot tell. Null
+    /// when the backend cannot watch (VirtualMicrophoneInUse answers then). Reading the count
+    /// is wait-free and allowed on the audio thread; it lives as long as the pointer.
+    virtual std::shared_ptr<const std::atomic<int32_t>> WatchVirtualMicrophone() { return nullptr; }
 };
+
+/// What WatchVirtualMicrophone's count holds while the backend cannot tell.
+constexpr int32_t kRecordersUnknown = -1;
 
 /// The backend in use: the one installed, or else the sound server's (created on first use).
 /// Any thread.

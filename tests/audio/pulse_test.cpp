@@ -213,5 +213,40 @@ TEST_F(Pulse, ControlAnswerMovesWhileTheVirtualMicrophoneRecords)
     EXPECT_EQ(DriverControlQuery(handle.get(), 1), closed);
 }
 
+// The count follows the server's events: a program that starts, pauses (corks) and stops
+// recording from the virtual microphone, and one recording from another source that must not
+// count.
+TEST_F(Pulse, RecorderCountFollowsProgramsRecordingFromTheVirtualMicrophone)
+{
+    std::shared_ptr<AudioBackend> backend = CurrentAudioBackend();
+    std::string why;
+    ASSERT_TRUE(backend->EnsureVirtualMicrophone(why)) << why;
+    const std::shared_ptr<const std::atomic<int32_t>> recorders = backend->WatchVirtualMicrophone();
+    ASSERT_NE(recorders, nullptr);
+    const auto count = [&recorders] { return recorders->load(); };
+    ASSERT_TRUE(test::Eventually([&] { return count() == 0; })) << "count " << count();
+
+    test::CallbackEngine engine;
+    ASSERT_EQ(engine.StartEngine(), kMmeSuccess);
+    int other = kNoDevice;
+    ASSERT_EQ(PaGetDevNByName("Monitor of Speakers", 1, other), kMmeSuccess);
+    PaStreamIn elsewhere;
+    ASSERT_EQ(elsewhere.Open(engine.ThreadId(), other, 16, 44100, 20, 4), kMmeSuccess);
+    ASSERT_EQ(elsewhere.Start(), kMmeSuccess);
+
+    int device = kNoDevice;
+    ASSERT_EQ(PaGetDevNByName("Larimo Microphone", 1, device), kMmeSuccess);
+    PaStreamIn in;
+    ASSERT_EQ(in.Open(engine.ThreadId(), device, 16, 44100, 20, 4), kMmeSuccess);
+    // Opened but not started: the stream is corked and records nothing yet.
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(count(), 0) << "a corked stream or another source's recorder counted";
+    ASSERT_EQ(in.Start(), kMmeSuccess);
+    EXPECT_TRUE(test::Eventually([&] { return count() == 1; })) << "count " << count();
+    EXPECT_TRUE(in.Close());
+    EXPECT_TRUE(test::Eventually([&] { return count() == 0; })) << "count " << count();
+    EXPECT_TRUE(elsewhere.Close());
+}
+
 } // namespace
 } // namespace larimo

@@ -353,6 +353,97 @@ TEST_F(PipelineTest, PausesWhileNobodyRecordsAndResumesWhenSomeoneDoes)
     queue->Unregister();
 }
 
+// The simulated devices, with a recorder count the test sets as a sound server's events would.
+class CountingAudio final : public AudioBackend {
+public:
+    explicit CountingAudio(std::shared_ptr<VirtualAudio> audio)
+        : m_audio(std::move(audio))
+    {
+    }
+
+    std::shared_ptr<std::atomic<int32_t>> count = std::make_shared<std::atomic<int32_t>>(0);
+
+    std::vector<std::string> WaveDeviceNames(WaveDirection direction) override
+    {
+        return m_audio->WaveDeviceNames(direction);
+    }
+    unsigned OpenWaveIn(int device, const WaveFormat& format, const WaveBufferShape& shape, ThreadMessageId target,
+                        std::unique_ptr<WaveInDevice>& opened) override
+    {
+        return m_audio->OpenWaveIn(device, format, shape, target, opened);
+    }
+    unsigned OpenWaveOut(int device, const WaveFormat& format, const WaveBufferShape& shape, ThreadMessageId target,
+                         std::unique_ptr<WaveOutDevice>& opened) override
+    {
+        return m_audio->OpenWaveOut(device, format, shape, target, opened);
+    }
+    bool HasEndpoints() override { return m_audio->HasEndpoints(); }
+    bool ListEndpoints(WaveDirection direction, std::vector<EndpointInfo>& endpoints, std::string& byDefault) override
+    {
+        return m_audio->ListEndpoints(direction, endpoints, byDefault);
+    }
+    bool SetDefaultEndpoint(WaveDirection direction, const std::string& name) override
+    {
+        return m_audio->SetDefaultEndpoint(direction, name);
+    }
+    int PreferredWaveDevice(WaveDirection direction) override { return m_audio->PreferredWaveDevice(direction); }
+    unsigned SetPreferredWaveDevice(WaveDirection direction, int device) override
+    {
+        return m_audio->SetPreferredWaveDevice(direction, device);
+    }
+    unsigned GetMixerId(int device, WaveDirection direction, unsigned& mixerId) override
+    {
+        return m_audio->GetMixerId(device, direction, mixerId);
+    }
+    unsigned OpenMixer(unsigned mixerId, MixerNotify* notify, std::unique_ptr<MixerDevice>& opened) override
+    {
+        return m_audio->OpenMixer(mixerId, notify, opened);
+    }
+    bool EnsureVirtualMicrophone(std::string& why) override { return m_audio->EnsureVirtualMicrophone(why); }
+    bool VirtualMicrophoneInUse(bool& inUse) override
+    {
+        ++asked;
+        return m_audio->VirtualMicrophoneInUse(inUse);
+    }
+    std::shared_ptr<const std::atomic<int32_t>> WatchVirtualMicrophone() override { return count; }
+
+    std::atomic<int> asked{0};
+
+private:
+    std::shared_ptr<VirtualAudio> m_audio;
+};
+
+// Nobody asks the backend while it counts recorders itself: the count alone pauses and
+// resumes the voice, an unknown count keeps it flowing, and listening in overrides a zero.
+TEST_F(PipelineTest, FollowsTheBackendsRecorderCountWithoutAsking)
+{
+    auto counting = std::make_shared<CountingAudio>(m_audio);
+    SetAudioBackend(counting);
+    StartPipeline(true);
+    ASSERT_TRUE(Eventually([this] { return m_pipeline->GetStats().idle; }));
+    m_audio->TakePlayed(kVirtualOut);
+    EXPECT_TRUE(Played(kBlock * 5).empty()) << "the virtual microphone was fed while the count was 0";
+
+    // No real recorder exists, so asking the simulated devices would keep it paused.
+    counting->count->store(1);
+    ASSERT_TRUE(Eventually([this] { return !m_pipeline->GetStats().idle; }));
+    EXPECT_GE(Played(kBlock * 5).size(), kBlock * 5);
+
+    counting->count->store(0);
+    ASSERT_TRUE(Eventually([this] { return m_pipeline->GetStats().idle; }));
+    counting->count->store(kRecordersUnknown);
+    EXPECT_TRUE(Eventually([this] { return !m_pipeline->GetStats().idle; })) << "paused on an unknown count";
+
+    counting->count->store(0);
+    ASSERT_TRUE(Eventually([this] { return m_pipeline->GetStats().idle; }));
+    m_settings->m_listen = 0;
+    m_state.monitorOn = true;
+    m_state.monitorVol = 100;
+    Apply();
+    EXPECT_TRUE(Eventually([this] { return !m_pipeline->GetStats().idle; })) << "paused while listening in";
+    EXPECT_EQ(counting->asked.load(), 0) << "the backend was asked although it counts";
+}
+
 TEST_F(PipelineTest, ComesBackAfterTheVirtualMicrophoneWentAway)
 {
     StartPipeline();

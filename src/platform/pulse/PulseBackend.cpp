@@ -463,6 +463,11 @@ public:
         return true;
     }
 
+    std::shared_ptr<const std::atomic<int32_t>> WatchVirtualMicrophone() override
+    {
+        return m_context->WatchRecorders(kVirtualMicSourceName);
+    }
+
 private:
     bool WaveDevices(WaveDirection direction, std::vector<PulseDevice>& devices)
     {

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "platform/pulse/PulseContext.h"
 
+#include "platform/AudioBackend.h"
+
 #include <pulse/error.h>
 #include <pulse/subscribe.h>
 #include <pulse/volume.h>
@@ -131,6 +133,11 @@ PulseContext::~PulseContext()
 void PulseContext::DisconnectLocked()
 {
     m_context.reset();
+    // Queries still running were cancelled with the context: their answers never come.
+    m_recounting = false;
+    m_recountAgain = false;
+    if (m_recorders)
+        m_recorders->store(kRecordersUnknown, std::memory_order_release);
 }
 
 bool PulseContext::UsableLocked() const
@@ -160,12 +167,24 @@ bool PulseContext::Ensure()
         return false;
     }
     pa_context_set_state_callback(
-        m_context.get(), [](pa_context*, void* loop) { Signal(static_cast<pa_threaded_mainloop*>(loop)); },
-        m_loop.get());
+        m_context.get(),
+        [](pa_context* context, void* userdata) {
+            auto* self = static_cast<PulseContext*>(userdata);
+            if (!PA_CONTEXT_IS_GOOD(pa_context_get_state(context)) && self->m_recorders)
+                self->m_recorders->store(kRecordersUnknown, std::memory_order_release);
+            Signal(self->m_loop.get());
+        },
+        this);
     pa_context_set_subscribe_callback(
         m_context.get(),
         [](pa_context*, pa_subscription_event_type_t type, uint32_t index, void* userdata) {
             auto* self = static_cast<PulseContext*>(userdata);
+            const auto facility = static_cast<unsigned>(type & PA_SUBSCRIPTION_EVENT_FACILITY_MASK);
+            if (facility == PA_SUBSCRIPTION_EVENT_SOURCE_OUTPUT || facility == PA_SUBSCRIPTION_EVENT_SOURCE) {
+                self->RecountLocked();
+                if (facility == PA_SUBSCRIPTION_EVENT_SOURCE_OUTPUT)
+                    return;
+            }
             for (PulseEventListener* listener : self->m_listeners)
                 listener->OnPulseEvent(type, index);
         },
@@ -188,8 +207,10 @@ bool PulseContext::Ensure()
         pa_threaded_mainloop_wait(m_loop.get());
     }
     const auto mask = static_cast<pa_subscription_mask_t>(PA_SUBSCRIPTION_MASK_SINK | PA_SUBSCRIPTION_MASK_SOURCE |
+                                                          PA_SUBSCRIPTION_MASK_SOURCE_OUTPUT |
                                                           PA_SUBSCRIPTION_MASK_SERVER);
     PulseOperation(pa_context_subscribe(m_context.get(), mask, nullptr, nullptr));
+    RecountLocked();
     m_lastError.clear();
     return true;
 }
@@ -374,6 +395,81 @@ bool PulseContext::ListSourceOutputs(std::vector<PulseSourceOutput>& outputs)
                 Signal(q->loop);
         },
         &query));
+}
+
+std::shared_ptr<const std::atomic<int32_t>> PulseContext::WatchRecorders(const std::string& source)
+{
+    if (!m_loop)
+        return nullptr;
+    {
+        PulseLock lock(m_loop.get());
+        if (!m_recorders)
+            m_recorders = std::make_shared<std::atomic<int32_t>>(kRecordersUnknown);
+        if (m_watchedSource != source) {
+            m_watchedSource = source;
+            RecountLocked();
+        }
+    }
+    Ensure();
+    PulseLock lock(m_loop.get());
+    return m_recorders;
+}
+
+void PulseContext::RecountLocked()
+{
+    if (!m_recorders || m_watchedSource.empty() || !UsableLocked())
+        return;
+    if (m_recounting) {
+        m_recountAgain = true;
+        return;
+    }
+    m_recounting = true;
+    m_recountAgain = false;
+    m_watchedIndex = PA_INVALID_INDEX;
+    m_counted = 0;
+    PulseOperation operation(pa_context_get_source_info_by_name(
+        m_context.get(), m_watchedSource.c_str(),
+        [](pa_context*, const pa_source_info* info, int eol, void* self) {
+            static_cast<PulseContext*>(self)->OnWatchedSourceLocked(info, eol);
+        },
+        this));
+    if (!operation)
+        m_recounting = false;
+}
+
+void PulseContext::OnWatchedSourceLocked(const pa_source_info* info, int eol)
+{
+    if (eol == 0) {
+        if (info != nullptr)
+            m_watchedIndex = info->index;
+        return;
+    }
+    // A source that does not exist (eol < 0) has nobody recording from it.
+    if (m_watchedIndex == PA_INVALID_INDEX) {
+        OnSourceOutputLocked(nullptr, 1);
+        return;
+    }
+    PulseOperation operation(pa_context_get_source_output_info_list(
+        m_context.get(),
+        [](pa_context*, const pa_source_output_info* output, int end, void* self) {
+            static_cast<PulseContext*>(self)->OnSourceOutputLocked(output, end);
+        },
+        this));
+    if (!operation)
+        OnSourceOutputLocked(nullptr, -1);
+}
+
+void PulseContext::OnSourceOutputLocked(const pa_source_output_info* info, int eol)
+{
+    if (eol == 0) {
+        if (info != nullptr && info->source == m_watchedIndex && info->corked == 0)
+            ++m_counted;
+        return;
+    }
+    m_recorders->store(eol > 0 ? m_counted : kRecordersUnknown, std::memory_order_release);
+    m_recounting = false;
+    if (m_recountAgain)
+        RecountLocked();
 }
 
 void PulseContext::AddListener(PulseEventListener* listener)

@@ -11,6 +11,7 @@
 #include <pulse/stream.h>
 #include <pulse/thread-mainloop.h>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -102,6 +103,12 @@ public:
     bool LoadModule(const std::string& name, const std::string& arguments, uint32_t& index);
     bool ListSourceOutputs(std::vector<PulseSourceOutput>& outputs);
 
+    /// Starts keeping a count of the running recording streams on the source named `source`,
+    /// current from the server's events (kRecordersUnknown while not connected; 0 while the
+    /// source does not exist). One source is watched per context; a later call changes which.
+    /// The count may be read on any thread, the audio thread included.
+    std::shared_ptr<const std::atomic<int32_t>> WatchRecorders(const std::string& source);
+
     void AddListener(PulseEventListener* listener);
     void RemoveListener(PulseEventListener* listener);
 
@@ -114,6 +121,11 @@ private:
     };
 
     void DisconnectLocked();
+    // Counting runs on the loop thread as a chain of two queries; events that arrive while one
+    // runs ask for another round after it, so a burst costs two rounds at most.
+    void RecountLocked();
+    void OnWatchedSourceLocked(const pa_source_info* info, int eol);
+    void OnSourceOutputLocked(const pa_source_output_info* info, int eol);
     bool RunLocked(pa_operation* operation);
     bool UsableLocked() const;
 
@@ -121,6 +133,13 @@ private:
     std::unique_ptr<pa_context, ContextDeleter> m_context;
     std::string m_lastError;
     std::vector<PulseEventListener*> m_listeners;
+
+    std::string m_watchedSource;
+    std::shared_ptr<std::atomic<int32_t>> m_recorders;
+    bool m_recounting = false;
+    bool m_recountAgain = false;
+    uint32_t m_watchedIndex = 0xFFFFFFFFU;
+    int32_t m_counted = 0;
 };
 
 /// RAII for a libpulse operation reference.

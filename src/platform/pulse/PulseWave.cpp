@@ -3,7 +3,12 @@
 
 #include <pulse/sample.h>
 
+#include <sys/eventfd.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <cstring>
 #include <deque>
 
@@ -42,8 +47,42 @@ void MarkReturned(WaveHeader& header)
     header.flags.fetch_and(~kWhdrInQueue);
 }
 
-// What both directions share: the stream, its lock discipline and its buffer queue. Every
-// member is touched only with the main loop's lock held (callbacks run with it held).
+// Headers on their way from the thread that queues them to the loop thread. One thread pushes
+// at a time (the device's caller), one pops at a time (whoever holds the main loop's lock);
+// pushing never waits, so the audio thread can queue without taking that lock.
+class HandOverRing {
+public:
+    static constexpr size_t kCapacity = 256; // more than a stream may queue (255)
+
+    bool PushRT(WaveHeader* header) noexcept
+    {
+        const size_t head = m_head.load(std::memory_order_relaxed);
+        if (head - m_tail.load(std::memory_order_acquire) == kCapacity)
+            return false;
+        m_slots[head % kCapacity] = header;
+        m_head.store(head + 1, std::memory_order_release);
+        return true;
+    }
+
+    WaveHeader* Pop() noexcept
+    {
+        const size_t tail = m_tail.load(std::memory_order_relaxed);
+        if (m_head.load(std::memory_order_acquire) == tail)
+            return nullptr;
+        WaveHeader* header = m_slots[tail % kCapacity];
+        m_tail.store(tail + 1, std::memory_order_release);
+        return header;
+    }
+
+private:
+    std::array<WaveHeader*, kCapacity> m_slots{};
+    alignas(64) std::atomic<size_t> m_head{0};
+    alignas(64) std::atomic<size_t> m_tail{0};
+};
+
+// What both directions share: the stream, its lock discipline and its buffer queue. Buffers
+// arrive through the hand-over ring without the lock; everything else is touched only with
+// the main loop's lock held (callbacks run with it held).
 class PulseStreamBase {
 protected:
     PulseStreamBase(std::shared_ptr<PulseContext> context, std::shared_ptr<ThreadMessageQueue> target)
@@ -58,6 +97,17 @@ protected:
     void ShutdownStream()
     {
         PulseLock lock(m_context->Loop());
+        if (m_wakeEvent != nullptr) {
+            pa_mainloop_api* api = pa_threaded_mainloop_get_api(m_context->Loop());
+            api->io_free(m_wakeEvent);
+            m_wakeEvent = nullptr;
+        }
+        if (m_wakeFd >= 0) {
+            close(m_wakeFd);
+            m_wakeFd = -1;
+        }
+        m_alive.store(false, std::memory_order_release);
+        TakeHandedLocked();
         if (m_stream != nullptr) {
             pa_stream_set_state_callback(m_stream, nullptr, nullptr);
             pa_stream_set_read_callback(m_stream, nullptr, nullptr);
@@ -82,8 +132,13 @@ protected:
             return false;
         pa_stream_set_state_callback(
             m_stream,
-            [](pa_stream*, void* loop) { pa_threaded_mainloop_signal(static_cast<pa_threaded_mainloop*>(loop), 0); },
-            m_context->Loop());
+            [](pa_stream* stream, void* self) {
+                auto* base = static_cast<PulseStreamBase*>(self);
+                base->m_alive.store(PA_STREAM_IS_GOOD(pa_stream_get_state(stream)), std::memory_order_release);
+                pa_threaded_mainloop_signal(base->m_context->Loop(), 0);
+            },
+            this);
+        m_alive.store(true, std::memory_order_release);
         return true;
     }
 
@@ -92,14 +147,48 @@ protected:
         return m_stream != nullptr && PA_STREAM_IS_GOOD(pa_stream_get_state(m_stream));
     }
 
-    unsigned Enqueue(WaveHeader& header)
+    // Lets the caller wake the loop thread without its lock: an event counter the loop polls.
+    bool CreateWakeLocked(pa_io_event_cb_t onWake, void* userdata)
     {
-        if ((header.flags.load() & kWhdrPrepared) == 0)
+        m_wakeFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+        if (m_wakeFd < 0)
+            return false;
+        pa_mainloop_api* api = pa_threaded_mainloop_get_api(m_context->Loop());
+        m_wakeEvent = api->io_new(api, m_wakeFd, PA_IO_EVENT_INPUT, onWake, userdata);
+        return m_wakeEvent != nullptr;
+    }
+
+    // Wait-free, never takes the main loop's lock. RT call.
+    unsigned EnqueueRT(WaveHeader& header) noexcept
+    {
+        if ((header.flags.load(std::memory_order_acquire) & kWhdrPrepared) == 0)
             return kWaveErrUnprepared;
         header.flags.fetch_and(~kWhdrDone);
         header.flags.fetch_or(kWhdrInQueue);
-        m_queue.push_back(&header);
+        if (!m_handed.PushRT(&header)) {
+            header.flags.fetch_and(~kWhdrInQueue);
+            return kMmNoMem;
+        }
         return kMmOk;
+    }
+
+    // Wakes the loop thread. RT call.
+    void WakeRT() const noexcept
+    {
+        const uint64_t one = 1;
+        // A full counter (it never gets there) would still leave the loop woken.
+        [[maybe_unused]] const ssize_t written = write(m_wakeFd, &one, sizeof one);
+    }
+
+    // Moves what the callers handed over into the queue; returns the shortest buffer taken.
+    uint32_t TakeHandedLocked()
+    {
+        uint32_t shortest = UINT32_MAX;
+        while (WaveHeader* header = m_handed.Pop()) {
+            m_queue.push_back(header);
+            shortest = std::min(shortest, header->bufferLength);
+        }
+        return shortest;
     }
 
     std::shared_ptr<PulseContext> m_context;
@@ -107,6 +196,10 @@ protected:
     pa_stream* m_stream = nullptr;
     std::deque<WaveHeader*> m_queue;
     uint32_t m_fill = 0;
+    HandOverRing m_handed;
+    std::atomic<bool> m_alive{false};
+    int m_wakeFd = -1;
+    pa_io_event* m_wakeEvent = nullptr;
 };
 
 class PulseWaveIn final : public WaveInDevice, private PulseStreamBase {
@@ -137,11 +230,8 @@ public:
         return kMmOk;
     }
 
-    unsigned AddBuffer(WaveHeader& header) override
-    {
-        PulseLock lock(m_context->Loop());
-        return Enqueue(header);
-    }
+    /// Wait-free: the loop thread takes the buffer over when data next arrives. RT call.
+    unsigned AddBuffer(WaveHeader& header) override { return EnqueueRT(header); }
 
     unsigned Start() override
     {
@@ -156,6 +246,7 @@ public:
     unsigned Reset() override
     {
         PulseLock lock(m_context->Loop());
+        TakeHandedLocked();
         m_running = false;
         if (Alive()) {
             PulseOperation(pa_stream_cork(m_stream, 1, nullptr, nullptr));
@@ -176,12 +267,14 @@ public:
     unsigned Close() override
     {
         PulseLock lock(m_context->Loop());
+        TakeHandedLocked();
         return m_queue.empty() ? kMmOk : kWaveErrStillPlaying;
     }
 
 private:
     void ReadLocked()
     {
+        TakeHandedLocked();
         const void* data = nullptr;
         size_t size = 0;
         while (pa_stream_peek(m_stream, &data, &size) == 0 && size > 0) {
@@ -239,6 +332,12 @@ public:
         attr.minreq = buffer;
         attr.fragsize = static_cast<uint32_t>(-1);
         m_prebuf = buffer;
+        if (!CreateWakeLocked([](pa_mainloop_api*, pa_io_event*, int fd, pa_io_event_flags_t, void* self) {
+                uint64_t count = 0;
+                [[maybe_unused]] const ssize_t got = read(fd, &count, sizeof count);
+                static_cast<PulseWaveOut*>(self)->PumpLocked();
+            }, this))
+            return kMmNoMem;
         if (pa_stream_connect_playback(m_stream, sink.empty() ? nullptr : sink.c_str(), &attr, PA_STREAM_ADJUST_LATENCY,
                                        nullptr, nullptr) < 0 ||
             !m_context->WaitStreamReadyLocked(m_stream))
@@ -246,26 +345,23 @@ public:
         return kMmOk;
     }
 
+    /// Wait-free: hands the buffer to the loop thread and wakes it, never taking the main
+    /// loop's lock. RT call.
     unsigned Write(WaveHeader& header) override
     {
-        PulseLock lock(m_context->Loop());
-        if (!Alive())
+        if (!m_alive.load(std::memory_order_acquire))
             return kMmNoDriver;
-        const unsigned result = Enqueue(header);
+        const unsigned result = EnqueueRT(header);
         if (result != kMmOk)
             return result;
-        const size_t writable = pa_stream_writable_size(m_stream);
-        if (writable != static_cast<size_t>(-1))
-            FeedLocked(writable);
-        // A short final buffer would never reach the start threshold: start it anyway.
-        if (header.bufferLength < m_prebuf)
-            PulseOperation(pa_stream_trigger(m_stream, nullptr, nullptr));
+        WakeRT();
         return kMmOk;
     }
 
     unsigned Reset() override
     {
         PulseLock lock(m_context->Loop());
+        TakeHandedLocked();
         if (Alive())
             PulseOperation(pa_stream_flush(m_stream, nullptr, nullptr));
         for (WaveHeader* header : m_queue) {
@@ -280,12 +376,27 @@ public:
     unsigned Close() override
     {
         PulseLock lock(m_context->Loop());
+        TakeHandedLocked();
         return m_queue.empty() ? kMmOk : kWaveErrStillPlaying;
     }
 
 private:
+    void PumpLocked()
+    {
+        const uint32_t shortest = TakeHandedLocked();
+        if (!Alive())
+            return;
+        const size_t writable = pa_stream_writable_size(m_stream);
+        if (writable != static_cast<size_t>(-1))
+            FeedLocked(writable);
+        // A short final buffer would never reach the start threshold: start it anyway.
+        if (shortest < m_prebuf)
+            PulseOperation(pa_stream_trigger(m_stream, nullptr, nullptr));
+    }
+
     void FeedLocked(size_t bytes)
     {
+        TakeHandedLocked();
         while (bytes > 0 && !m_queue.empty()) {
             WaveHeader* header = m_queue.front();
             const auto take = static_cast<uint32_t>(std::min<size_t>(header->bufferLength - m_fill, bytes));

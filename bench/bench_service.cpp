@@ -1,0 +1,370 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The voice service measured from outside, against a private sound server of its own:
+//  - latency from the microphone to Larimo Microphone: clicks played into the fake microphone
+//    are timed as they arrive, once on the microphone's own monitor and once on the virtual
+//    microphone; both are recorded the same way, so the difference is what the service adds.
+//    At 25 ms and at 5 ms blocks ([stream] inBuffSizeMs of config.ini).
+//  - CPU of LarimoServer (utime + stime of /proc/<pid>/stat) while a pitch effect, a background
+//    sound and two fun sounds play and somebody records, and while nobody records (idle).
+// Prints Google Benchmark style JSON; --benchmark_out=FILE writes it there too. Other
+// --benchmark_* arguments are accepted and ignored. Skips with a message when there is no
+// sound server to start.
+#include <pulse/error.h>
+#include <pulse/simple.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr uint32_t kRate = 44100;
+constexpr uint32_t kChunk = 64; // frames per read: arrival times are known to about 1.5 ms
+constexpr int kClicks = 40;
+constexpr int kClickEveryMs = 150;
+
+double NowMs()
+{
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+int Shell(const std::string& command)
+{
+    return std::system(command.c_str());
+}
+
+void WriteWav(const fs::path& path, double hz, int amplitude, uint32_t frames)
+{
+    std::vector<int16_t> samples(frames);
+    for (uint32_t i = 0; i < frames; ++i)
+        samples[i] = static_cast<int16_t>(amplitude * std::sin(2.0 * M_PI * hz * i / kRate));
+    std::ofstream file(path, std::ios::binary);
+    const auto u32 = [&file](uint32_t v) { file.write(reinterpret_cast<const char*>(&v), 4); };
+    const auto u16 = [&file](uint16_t v) { file.write(reinterpret_cast<const char*>(&v), 2); };
+    file.write("RIFF", 4);
+    u32(36 + frames * 2);
+    file.write("WAVEfmt ", 8);
+    u32(16);
+    u16(1);
+    u16(1);
+    u32(kRate);
+    u32(kRate * 2);
+    u16(2);
+    u16(16);
+    file.write("data", 4);
+    u32(frames * 2);
+    file.write(reinterpret_cast<const char*>(samples.data()), static_cast<std::streamsize>(frames * 2));
+}
+
+pa_simple* OpenStream(pa_stream_direction_t direction, const char* device, uint32_t bufferBytes)
+{
+    const pa_sample_spec spec{PA_SAMPLE_S16LE, kRate, 1};
+    pa_buffer_attr attr{};
+    attr.maxlength = static_cast<uint32_t>(-1);
+    attr.tlength = direction == PA_STREAM_PLAYBACK ? bufferBytes : static_cast<uint32_t>(-1);
+    attr.prebuf = static_cast<uint32_t>(-1);
+    attr.minreq = static_cast<uint32_t>(-1);
+    attr.fragsize = direction == PA_STREAM_RECORD ? bufferBytes : static_cast<uint32_t>(-1);
+    int error = 0;
+    pa_simple* stream =
+        pa_simple_new(nullptr, "bench_service", direction, device, "bench", &spec, nullptr, &attr, &error);
+    if (stream == nullptr)
+        std::fprintf(stderr, "bench_service: %s: %s\n", device, pa_strerror(error));
+    return stream;
+}
+
+// Records `device` until `stop`, noting the estimated arrival time of each click's first sample.
+class ClickRecorder {
+public:
+    explicit ClickRecorder(const char* device)
+        : m_stream(OpenStream(PA_STREAM_RECORD, device, kChunk * 2))
+    {
+        if (m_stream != nullptr)
+            m_thread = std::thread([this] { Run(); });
+    }
+    ~ClickRecorder()
+    {
+        m_stop = true;
+        if (m_thread.joinable())
+            m_thread.join();
+        if (m_stream != nullptr)
+            pa_simple_free(m_stream);
+    }
+    bool Ok() const { return m_stream != nullptr; }
+    void Stop()
+    {
+        m_stop = true;
+        if (m_thread.joinable())
+            m_thread.join();
+    }
+    std::vector<double> Arrivals()
+    {
+        std::lock_guard lock(m_mutex);
+        return m_arrivals;
+    }
+
+private:
+    void Run()
+    {
+        int16_t chunk[kChunk];
+        int64_t frame = 0;
+        int64_t lastLoud = -100000;
+        while (!m_stop) {
+            if (pa_simple_read(m_stream, chunk, sizeof chunk, nullptr) < 0)
+                return;
+            const double now = NowMs();
+            for (uint32_t i = 0; i < kChunk; ++i, ++frame) {
+                if (std::abs(int{chunk[i]}) < 6000)
+                    continue;
+                // A click after 50 ms of quiet; its ringing is not a new one.
+                if (frame - lastLoud > kRate / 20) {
+                    std::lock_guard lock(m_mutex);
+                    m_arrivals.push_back(now - (kChunk - i) * 1000.0 / kRate);
+                }
+                lastLoud = frame;
+            }
+        }
+    }
+
+    pa_simple* m_stream;
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+    std::mutex m_mutex;
+    std::vector<double> m_arrivals;
+};
+
+double Percentile(std::vector<double> values, double p)
+{
+    if (values.empty())
+        return NAN;
+    std::sort(values.begin(), values.end());
+    const auto index = static_cast<size_t>(std::min<double>(values.size() - 1, std::ceil(p * values.size()) - 1));
+    return values[index];
+}
+
+struct Result {
+    std::string name;
+    std::vector<std::pair<std::string, double>> counters;
+};
+
+uint64_t CpuTicks(pid_t pid)
+{
+    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    const size_t close = text.rfind(')');
+    if (close == std::string::npos)
+        return 0;
+    std::istringstream rest(text.substr(close + 2));
+    std::string field;
+    uint64_t utime = 0;
+    uint64_t stime = 0;
+    // Fields 3 to 13 come first; utime and stime are fields 14 and 15.
+    for (int i = 3; i <= 15 && rest >> field; ++i) {
+        if (i == 14)
+            utime = std::stoull(field);
+        if (i == 15)
+            stime = std::stoull(field);
+    }
+    return utime + stime;
+}
+
+double CpuPercent(pid_t pid, double seconds)
+{
+    const uint64_t before = CpuTicks(pid);
+    const double start = NowMs();
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+    const uint64_t after = CpuTicks(pid);
+    const double elapsed = (NowMs() - start) / 1000.0;
+    return 100.0 * static_cast<double>(after - before) / static_cast<double>(sysconf(_SC_CLK_TCK)) / elapsed;
+}
+
+class Service {
+public:
+    Service(const fs::path& root, uint32_t blockMs)
+        : m_folder(root / ("app" + std::to_string(blockMs)))
+    {
+        const fs::path app(LARIMO_APP_DIR);
+        fs::create_directories(m_folder / "backsounds");
+        fs::create_directories(m_folder / "emoticsounds");
+        for (const char* name : {"LarimoServer", "larimoctl", "voiceeffects.ini"})
+            fs::copy_file(app / name, m_folder / name);
+        fs::copy(app / "effects", m_folder / "effects", fs::copy_options::recursive);
+        WriteWav(m_folder / "backsounds" / "Hum.wav", 300, 3000, kRate * 2);
+        WriteWav(m_folder / "emoticsounds" / "Beep.wav", 2000, 3000, kRate * 30);
+        WriteWav(m_folder / "emoticsounds" / "Tune.wav", 700, 3000, kRate * 30);
+        std::ofstream(m_folder / "config.ini") << "[stream]\ninBuffSizeMs=" << blockMs
+                                              << "\n[effects]\neff_0=Chipmunk\n"
+                                                 "[sound_0]\nfile=Hum.wav\nvolume=100\n"
+                                                 "[emotics]\nnum=2\nname_0=Beep\nfile_0=Beep.wav\n"
+                                                 "name_1=Tune\nfile_1=Tune.wav\n";
+        m_pid = fork();
+        if (m_pid == 0) {
+            const std::string program = (m_folder / "LarimoServer").string();
+            const int null = open("/dev/null", O_WRONLY);
+            dup2(null, 1);
+            dup2(null, 2);
+            execl(program.c_str(), program.c_str(), nullptr);
+            _exit(127);
+        }
+        for (int i = 0; i < 100 && Ctl("status") != 0; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    ~Service()
+    {
+        if (m_pid > 0) {
+            kill(m_pid, SIGTERM);
+            waitpid(m_pid, nullptr, 0);
+        }
+    }
+    bool Ok() { return m_pid > 0 && Ctl("status") == 0; }
+    pid_t Pid() const { return m_pid; }
+    int Ctl(const std::string& arguments)
+    {
+        return Shell((m_folder / "larimoctl").string() + " " + arguments + " >/dev/null 2>&1");
+    }
+
+private:
+    fs::path m_folder;
+    pid_t m_pid = -1;
+};
+
+Result MeasureLatency(const fs::path& root, uint32_t blockMs)
+{
+    Result result{"ServiceLatency/block_ms:" + std::to_string(blockMs), {}};
+    Service service(root, blockMs);
+    if (!service.Ok()) {
+        std::fprintf(stderr, "bench_service: the voice service did not start\n");
+        return result;
+    }
+    ClickRecorder reference("mic_feed.monitor");
+    ClickRecorder virtualMic("larimo_mic_source");
+    pa_simple* player = OpenStream(PA_STREAM_PLAYBACK, "mic_feed", kRate / 100 * 2);
+    if (!reference.Ok() || !virtualMic.Ok() || player == nullptr) {
+        if (player != nullptr)
+            pa_simple_free(player);
+        return result;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    std::vector<int16_t> period(kRate * kClickEveryMs / 1000, 0);
+    for (size_t i = 0; i < 22; ++i)
+        period[i] = (i % 2 == 0) ? 30000 : -30000;
+    for (int click = 0; click < kClicks; ++click)
+        pa_simple_write(player, period.data(), period.size() * 2, nullptr);
+    pa_simple_drain(player, nullptr);
+    pa_simple_free(player);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    reference.Stop();
+    virtualMic.Stop();
+
+    const std::vector<double> sent = reference.Arrivals();
+    const std::vector<double> came = virtualMic.Arrivals();
+    std::vector<double> delays;
+    for (double at : sent) {
+        // The first arrival on the virtual microphone after the click, within one period.
+        const auto found = std::lower_bound(came.begin(), came.end(), at - 2.0);
+        if (found != came.end() && *found - at < kClickEveryMs)
+            delays.push_back(std::max(0.0, *found - at));
+    }
+    result.counters = {{"clicks_sent", static_cast<double>(sent.size())},
+                       {"clicks_arrived", static_cast<double>(delays.size())},
+                       {"median_ms", Percentile(delays, 0.5)},
+                       {"p99_ms", Percentile(delays, 0.99)},
+                       {"goal_ms", blockMs >= 25 ? 40.0 : 15.0}};
+    return result;
+}
+
+std::vector<Result> MeasureCpu(const fs::path& root)
+{
+    std::vector<Result> results;
+    Service service(root, 25);
+    if (!service.Ok())
+        return results;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+    results.push_back({"ServiceCpu/idle_nobody_records", {{"cpu_percent", CpuPercent(service.Pid(), 4.0)},
+                                                          {"goal_percent", 0.5}}});
+    ClickRecorder listener("larimo_mic_source");
+    service.Ctl("effect 1");
+    service.Ctl("background 1");
+    service.Ctl("fun 1 play");
+    service.Ctl("fun 2 play");
+    std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+    results.push_back({"ServiceCpu/pitch_background_two_fun_sounds",
+                       {{"cpu_percent", CpuPercent(service.Pid(), 4.0)}, {"goal_percent", 5.0}}});
+    return results;
+}
+
+std::string Json(const std::vector<Result>& results)
+{
+    std::ostringstream out;
+    out << "{\n  \"context\": {\"executable\": \"bench_service\", \"library_build_type\": \""
+#ifdef NDEBUG
+        << "release"
+#else
+        << "debug"
+#endif
+        << "\"},\n  \"benchmarks\": [";
+    for (size_t i = 0; i < results.size(); ++i) {
+        out << (i == 0 ? "\n" : ",\n") << "    {\"name\": \"" << results[i].name
+            << "\", \"run_type\": \"iteration\", \"iterations\": 1";
+        for (const auto& [key, value] : results[i].counters)
+            out << ", \"" << key << "\": " << (std::isfinite(value) ? value : -1.0);
+        out << "}";
+    }
+    out << "\n  ]\n}\n";
+    return out.str();
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    std::string outPath;
+    for (int i = 1; i < argc; ++i) {
+        const std::string argument = argv[i];
+        if (argument.rfind("--benchmark_out=", 0) == 0)
+            outPath = argument.substr(16);
+    }
+    char pattern[] = "/tmp/larimo-bench-service-XXXXXX";
+    const char* made = mkdtemp(pattern);
+    if (made == nullptr)
+        return 1;
+    const fs::path root(made);
+    const std::string server = std::string(LARIMO_SOURCE_DIR) + "/scripts/test-soundserver.sh";
+    std::vector<Result> results;
+    if (Shell(server + " start " + (root / "sound").string() + " >/dev/null 2>&1") != 0) {
+        std::fprintf(stderr, "bench_service: skipped: the private sound server cannot start (pulseaudio missing?)\n");
+    } else {
+        setenv("PULSE_SERVER", ("unix:" + (root / "sound" / "native").string()).c_str(), 1);
+        setenv("LARIMO_OBJECT_NAMESPACE", ("bench" + std::to_string(getpid())).c_str(), 1);
+        results.push_back(MeasureLatency(root, 25));
+        results.push_back(MeasureLatency(root, 5));
+        for (Result& result : MeasureCpu(root))
+            results.push_back(std::move(result));
+        Shell(server + " stop " + (root / "sound").string() + " >/dev/null 2>&1");
+    }
+    std::error_code ignored;
+    fs::remove_all(root, ignored);
+    const std::string json = Json(results);
+    std::fputs(json.c_str(), stdout);
+    if (!outPath.empty())
+        std::ofstream(outPath) << json;
+    return 0;
+}
