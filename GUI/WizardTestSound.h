@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The playback page's looping test sound. Kept apart from the audio engine's headers because
-// the WAV reader and the engine each declare a record named WaveFormat of their own.
+// The playback page's looping test sound, kept apart from the audio engine's headers so the
+// pages see only what they play.
 #pragma once
 
 #include <cstddef>

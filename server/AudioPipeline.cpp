@@ -510,8 +510,8 @@ struct AudioPipeline::Control {
         session->blockSamples = devices.blockMs * kSampleRate / 1000;
         session->queue = ThreadMessageQueue::Create();
         const uint32_t bytes = session->blockSamples * 2;
-        WaveFormat format;
-        format.formatTag = kWaveFormatPcm;
+        StreamFormat format;
+        format.formatTag = kStreamFormatPcm;
         format.channels = 1;
         format.samplesPerSec = kSampleRate;
         format.avgBytesPerSec = kSampleRate * 2;

@@ -128,7 +128,7 @@ public:
     uint32_t BufferMs() const { return m_bufferMs; }
     uint32_t SamplesPerBuffer() const { return m_samplesPerBuffer; }
     uint32_t BitsPerSample() const { return m_bitsPerSample; }
-    const WaveFormat& Format() const { return m_format; }
+    const StreamFormat& Format() const { return m_format; }
     /// How many buffers are with the device now. Any thread.
     uint32_t QueuedCount();
     /// Bytes of the buffers kept after a close that found them still queued.
@@ -163,7 +163,7 @@ protected:
     uint32_t m_samplesPerBuffer = 0;
     int m_device = kNoDevice;
     uint32_t m_bitsPerSample = 0;
-    WaveFormat m_format;
+    StreamFormat m_format;
     std::shared_ptr<AudioBackend> m_backend;
     const uint32_t m_direction;
 

@@ -52,7 +52,7 @@ struct WaveHeader {
 };
 
 /// PCM stream format, laid out as the wave format record everyone knows.
-struct WaveFormat {
+struct StreamFormat {
     uint16_t formatTag = 0;
     uint16_t channels = 0;
     uint32_t samplesPerSec = 0;
@@ -62,7 +62,7 @@ struct WaveFormat {
     uint16_t cbSize = 0;
 };
 
-constexpr uint16_t kWaveFormatPcm = 1;
+constexpr uint16_t kStreamFormatPcm = 1;
 
 /// How a stream will queue its buffers; backends size their own buffering from it.
 struct WaveBufferShape {
@@ -172,9 +172,9 @@ public:
     /// Names of the numbered wave devices of one direction, in device order.
     virtual std::vector<std::string> WaveDeviceNames(WaveDirection direction) = 0;
     /// Opens a device (-1: the default one) for buffers of `shape`, notifying `target`.
-    virtual unsigned OpenWaveIn(int device, const WaveFormat& format, const WaveBufferShape& shape,
+    virtual unsigned OpenWaveIn(int device, const StreamFormat& format, const WaveBufferShape& shape,
                                 ThreadMessageId target, std::unique_ptr<WaveInDevice>& opened) = 0;
-    virtual unsigned OpenWaveOut(int device, const WaveFormat& format, const WaveBufferShape& shape,
+    virtual unsigned OpenWaveOut(int device, const StreamFormat& format, const WaveBufferShape& shape,
                                  ThreadMessageId target, std::unique_ptr<WaveOutDevice>& opened) = 0;
 
     /// True when devices are listed as the server's endpoints, false for the plain numbered

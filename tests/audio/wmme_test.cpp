@@ -61,7 +61,7 @@ TEST_P(StreamFormat, NoDeviceSetsTheFormatAndOpensNothing)
     EXPECT_EQ(in.BitsPerSample(), c.roundedBits);
     EXPECT_EQ(in.SamplesPerBuffer(), c.samples);
     EXPECT_EQ(in.BufferSize(), c.bytes);
-    EXPECT_EQ(in.Format().formatTag, kWaveFormatPcm);
+    EXPECT_EQ(in.Format().formatTag, kStreamFormatPcm);
     EXPECT_EQ(in.Format().channels, 1);
     EXPECT_EQ(in.Format().blockAlign, c.roundedBits / 8);
     EXPECT_EQ(in.Format().avgBytesPerSec, c.roundedBits / 8 * c.rate);

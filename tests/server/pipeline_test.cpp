@@ -343,7 +343,7 @@ TEST_F(PipelineTest, PausesWhileNobodyRecordsAndResumesWhenSomeoneDoes)
     // A program starts recording from the virtual microphone.
     auto queue = ThreadMessageQueue::Create();
     std::unique_ptr<WaveInDevice> recorder;
-    WaveFormat format{1, 1, 44100, 88200, 2, 16, 0};
+    StreamFormat format{1, 1, 44100, 88200, 2, 16, 0};
     ASSERT_EQ(m_audio->OpenWaveIn(kVirtualIn, format, {kBlock * 2, 4}, queue->Id(), recorder), kMmOk);
     ASSERT_EQ(recorder->Start(), kMmOk);
     ASSERT_TRUE(Eventually([this] { return !m_pipeline->GetStats().idle; }));
@@ -367,12 +367,12 @@ public:
     {
         return m_audio->WaveDeviceNames(direction);
     }
-    unsigned OpenWaveIn(int device, const WaveFormat& format, const WaveBufferShape& shape, ThreadMessageId target,
+    unsigned OpenWaveIn(int device, const StreamFormat& format, const WaveBufferShape& shape, ThreadMessageId target,
                         std::unique_ptr<WaveInDevice>& opened) override
     {
         return m_audio->OpenWaveIn(device, format, shape, target, opened);
     }
-    unsigned OpenWaveOut(int device, const WaveFormat& format, const WaveBufferShape& shape, ThreadMessageId target,
+    unsigned OpenWaveOut(int device, const StreamFormat& format, const WaveBufferShape& shape, ThreadMessageId target,
                          std::unique_ptr<WaveOutDevice>& opened) override
     {
         return m_audio->OpenWaveOut(device, format, shape, target, opened);

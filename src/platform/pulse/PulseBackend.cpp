@@ -314,7 +314,7 @@ public:
         return names;
     }
 
-    unsigned OpenWaveIn(int device, const WaveFormat& format, const WaveBufferShape& shape, ThreadMessageId target,
+    unsigned OpenWaveIn(int device, const StreamFormat& format, const WaveBufferShape& shape, ThreadMessageId target,
                         std::unique_ptr<WaveInDevice>& opened) override
     {
         std::string name;
@@ -322,7 +322,7 @@ public:
         return result != kMmOk ? result : OpenPulseWaveIn(m_context, name, format, shape, target, opened);
     }
 
-    unsigned OpenWaveOut(int device, const WaveFormat& format, const WaveBufferShape& shape, ThreadMessageId target,
+    unsigned OpenWaveOut(int device, const StreamFormat& format, const WaveBufferShape& shape, ThreadMessageId target,
                          std::unique_ptr<WaveOutDevice>& opened) override
     {
         std::string name;

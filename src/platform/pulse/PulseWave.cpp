@@ -16,9 +16,9 @@ namespace larimo {
 
 namespace {
 
-bool ToSampleSpec(const WaveFormat& format, pa_sample_spec& sampleSpec)
+bool ToSampleSpec(const StreamFormat& format, pa_sample_spec& sampleSpec)
 {
-    if (format.formatTag != kWaveFormatPcm)
+    if (format.formatTag != kStreamFormatPcm)
         return false;
     switch (format.bitsPerSample) {
     case 8:
@@ -122,7 +122,7 @@ protected:
         m_queue.clear();
     }
 
-    bool CreateLocked(const char* name, const WaveFormat& format)
+    bool CreateLocked(const char* name, const StreamFormat& format)
     {
         pa_sample_spec sampleSpec{};
         if (!ToSampleSpec(format, sampleSpec) || m_context->Context() == nullptr)
@@ -210,7 +210,7 @@ public:
     }
     ~PulseWaveIn() override { ShutdownStream(); }
 
-    unsigned Connect(const std::string& source, const WaveFormat& format, const WaveBufferShape& shape)
+    unsigned Connect(const std::string& source, const StreamFormat& format, const WaveBufferShape& shape)
     {
         PulseLock lock(m_context->Loop());
         if (!CreateLocked("Larimo recording", format))
@@ -316,7 +316,7 @@ public:
     }
     ~PulseWaveOut() override { ShutdownStream(); }
 
-    unsigned Connect(const std::string& sink, const WaveFormat& format, const WaveBufferShape& shape)
+    unsigned Connect(const std::string& sink, const StreamFormat& format, const WaveBufferShape& shape)
     {
         PulseLock lock(m_context->Loop());
         if (!CreateLocked("Larimo playback", format))
@@ -419,7 +419,7 @@ private:
 } // namespace
 
 unsigned OpenPulseWaveIn(const std::shared_ptr<PulseContext>& context, const std::string& source,
-                         const WaveFormat& format, const WaveBufferShape& shape, ThreadMessageId target,
+                         const StreamFormat& format, const WaveBufferShape& shape, ThreadMessageId target,
                          std::unique_ptr<WaveInDevice>& opened)
 {
     std::shared_ptr<ThreadMessageQueue> queue = ThreadMessageQueue::Find(target);
@@ -435,7 +435,7 @@ unsigned OpenPulseWaveIn(const std::shared_ptr<PulseContext>& context, const std
 }
 
 unsigned OpenPulseWaveOut(const std::shared_ptr<PulseContext>& context, const std::string& sink,
-                          const WaveFormat& format, const WaveBufferShape& shape, ThreadMessageId target,
+                          const StreamFormat& format, const WaveBufferShape& shape, ThreadMessageId target,
                           std::unique_ptr<WaveOutDevice>& opened)
 {
     std::shared_ptr<ThreadMessageQueue> queue = ThreadMessageQueue::Find(target);

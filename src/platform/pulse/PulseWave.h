@@ -14,11 +14,11 @@ namespace larimo {
 
 /// Opens a record stream on `source` (empty: the server's default). Not on the loop thread.
 unsigned OpenPulseWaveIn(const std::shared_ptr<PulseContext>& context, const std::string& source,
-                         const WaveFormat& format, const WaveBufferShape& shape, ThreadMessageId target,
+                         const StreamFormat& format, const WaveBufferShape& shape, ThreadMessageId target,
                          std::unique_ptr<WaveInDevice>& opened);
 /// Opens a playback stream on `sink` (empty: the server's default). Not on the loop thread.
 unsigned OpenPulseWaveOut(const std::shared_ptr<PulseContext>& context, const std::string& sink,
-                          const WaveFormat& format, const WaveBufferShape& shape, ThreadMessageId target,
+                          const StreamFormat& format, const WaveBufferShape& shape, ThreadMessageId target,
                           std::unique_ptr<WaveOutDevice>& opened);
 
 } // namespace larimo

@@ -29,7 +29,7 @@ std::size_t DirIndex(WaveDirection direction)
 struct VirtualAudio::Stream {
     WaveDirection direction = WaveDirection::Render;
     int device = 0;
-    WaveFormat format;
+    StreamFormat format;
     std::shared_ptr<ThreadMessageQueue> target;
     std::deque<WaveHeader*> queue;
     bool running = false;
@@ -559,7 +559,7 @@ int VirtualAudio::ResolveDevice(WaveDirection direction, int device)
     return device;
 }
 
-unsigned VirtualAudio::OpenWaveIn(int device, const WaveFormat& format, const WaveBufferShape& /*shape*/,
+unsigned VirtualAudio::OpenWaveIn(int device, const StreamFormat& format, const WaveBufferShape& /*shape*/,
                                   ThreadMessageId target, std::unique_ptr<WaveInDevice>& opened)
 {
     std::shared_ptr<ThreadMessageQueue> queue = ThreadMessageQueue::Find(target);
@@ -571,7 +571,7 @@ unsigned VirtualAudio::OpenWaveIn(int device, const WaveFormat& format, const Wa
         return kMmNoDriver;
     if (!queue)
         return kMmInvalParam;
-    if (format.formatTag != kWaveFormatPcm || format.channels == 0 || format.blockAlign == 0 || format.samplesPerSec == 0)
+    if (format.formatTag != kStreamFormatPcm || format.channels == 0 || format.blockAlign == 0 || format.samplesPerSec == 0)
         return kWaveErrBadFormat;
     auto stream = std::make_unique<Stream>();
     stream->direction = WaveDirection::Capture;
@@ -583,7 +583,7 @@ unsigned VirtualAudio::OpenWaveIn(int device, const WaveFormat& format, const Wa
     return kMmOk;
 }
 
-unsigned VirtualAudio::OpenWaveOut(int device, const WaveFormat& format, const WaveBufferShape& /*shape*/,
+unsigned VirtualAudio::OpenWaveOut(int device, const StreamFormat& format, const WaveBufferShape& /*shape*/,
                                   ThreadMessageId target, std::unique_ptr<WaveOutDevice>& opened)
 {
     std::shared_ptr<ThreadMessageQueue> queue = ThreadMessageQueue::Find(target);
@@ -595,7 +595,7 @@ unsigned VirtualAudio::OpenWaveOut(int device, const WaveFormat& format, const W
         return kMmNoDriver;
     if (!queue)
         return kMmInvalParam;
-    if (format.formatTag != kWaveFormatPcm || format.channels == 0 || format.blockAlign == 0 || format.samplesPerSec == 0)
+    if (format.formatTag != kStreamFormatPcm || format.channels == 0 || format.blockAlign == 0 || format.samplesPerSec == 0)
         return kWaveErrBadFormat;
     auto stream = std::make_unique<Stream>();
     stream->direction = WaveDirection::Render;

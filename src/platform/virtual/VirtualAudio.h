@@ -66,9 +66,9 @@ public:
     int OpenCount(WaveDirection direction);
 
     std::vector<std::string> WaveDeviceNames(WaveDirection direction) override;
-    unsigned OpenWaveIn(int device, const WaveFormat& format, const WaveBufferShape& shape,
+    unsigned OpenWaveIn(int device, const StreamFormat& format, const WaveBufferShape& shape,
                         ThreadMessageId target, std::unique_ptr<WaveInDevice>& opened) override;
-    unsigned OpenWaveOut(int device, const WaveFormat& format, const WaveBufferShape& shape,
+    unsigned OpenWaveOut(int device, const StreamFormat& format, const WaveBufferShape& shape,
                          ThreadMessageId target, std::unique_ptr<WaveOutDevice>& opened) override;
     bool HasEndpoints() override { return false; }
     bool ListEndpoints(WaveDirection direction, std::vector<EndpointInfo>& endpoints,
