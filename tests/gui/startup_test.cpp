@@ -1,0 +1,206 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Start-up's ways to end early: what the user sees and what is left untouched, each run from
+// a temporary app folder over the simulated sound system.
+#include "init.h"
+
+#include "../server/ServiceProcess.h"
+
+#include "error.h"
+#include "mlog.h"
+#include "platform/AudioBackend.h"
+#include "platform/NamedObjects.h"
+#include "platform/virtual/VirtualAudio.h"
+
+#include <QApplication>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+extern "C" const char* __asan_default_options()
+{
+    // Qt's platform plugins keep caches until exit; they are not ours to free.
+    return "detect_leaks=0";
+}
+
+namespace larimo {
+namespace {
+
+namespace fs = std::filesystem;
+
+class RecordingSink final : public MessageBoxSink {
+public:
+    int ShowMessageBox(void* /*owner*/, const std::string& text, const std::string& caption, unsigned style) override
+    {
+        m_boxes.push_back({text, caption, style});
+        return IDOK;
+    }
+    struct Box {
+        std::string text;
+        std::string caption;
+        unsigned style;
+    };
+    std::vector<Box> m_boxes;
+};
+
+class StartupTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+        s_application = new QApplication(s_argc, s_argv);
+        test::UsePrivateObjectNamespace();
+    }
+    static void TearDownTestSuite()
+    {
+        delete s_application;
+        s_application = nullptr;
+        test::RemovePrivateObjectNamespace();
+    }
+
+    void SetUp() override
+    {
+        m_folder = fs::temp_directory_path() /
+                   ("larimo-startup-" + std::to_string(::getpid()) + "-" +
+                    ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        fs::remove_all(m_folder);
+        fs::create_directories(m_folder / "home");
+        // Whatever start-up registers would land here, not in the user's own configuration.
+        setenv("HOME", (m_folder / "home").c_str(), 1);
+        setenv("XDG_CONFIG_HOME", (m_folder / "home" / ".config").c_str(), 1);
+        setenv("LARIMO_SERVICE_BACKEND", "supervisor", 1);
+        m_audio = std::make_shared<VirtualAudio>(std::vector<std::string>{"Microphone (Test)"},
+                                                 std::vector<std::string>{"Speakers"});
+        m_previousAudio = SetAudioBackend(m_audio);
+    }
+
+    void TearDown() override
+    {
+        SetAudioBackend(m_previousAudio);
+        fs::remove_all(m_folder);
+    }
+
+    void WriteSettings(const std::string& langFile, bool wizardDone)
+    {
+        const std::string source = LARIMO_SOURCE_DIR;
+        std::ofstream(m_folder / "config.ini")
+            << "[sys]\nwizard=" << (wizardDone ? 1 : 0) << "\nlangsPath=" << source << "/data/lang/\nlangFile="
+            << langFile << "\nskinFile=" << source << "/data/skins/en/Default.sdf\n";
+    }
+    std::string EnglishTexts() const { return std::string(LARIMO_SOURCE_DIR) + "/data/lang/larimo_en.tra"; }
+
+    CMoApp::Outcome Run(std::function<bool(Config&)> wizard = {})
+    {
+        CMoApp::Hooks hooks;
+        hooks.programFolder = m_folder.string();
+        hooks.messageSink = &m_sink;
+        hooks.wizard = wizard ? std::move(wizard) : [this](Config&) {
+            ++m_wizardRuns;
+            return true;
+        };
+        hooks.mainWindowShown = [this](CLarimoDlg&) { ADD_FAILURE() << "the main window must not open"; };
+        return CMoApp(std::move(hooks)).InitInstance();
+    }
+
+    bool ServiceRegistered() const
+    {
+        return fs::exists(m_folder / "home" / ".config" / "larimo" / "services" / "LarimoSrv.service");
+    }
+
+    static inline int s_argc = 1;
+    static inline char s_name[16] = "startup_test";
+    static inline char* s_argv[2] = {s_name, nullptr};
+    static inline QApplication* s_application = nullptr;
+
+    fs::path m_folder;
+    RecordingSink m_sink;
+    int m_wizardRuns = 0;
+    std::shared_ptr<VirtualAudio> m_audio;
+    std::shared_ptr<AudioBackend> m_previousAudio;
+};
+
+TEST_F(StartupTest, TextsThatCannotStartEndSilentlyBeforeTheLogOpens)
+{
+    WriteSettings(m_folder.string() + "/lang/missing.tra", true);
+    EXPECT_EQ(Run(), CMoApp::Outcome::kTextsFailed);
+    EXPECT_TRUE(m_sink.m_boxes.empty());
+    EXPECT_FALSE(fs::exists(m_folder / "larimocl.log"));
+    EXPECT_EQ(m_wizardRuns, 0);
+    EXPECT_FALSE(ServiceRegistered());
+}
+
+TEST_F(StartupTest, AMissingVirtualMicrophoneShowsItsNameAndEndsBeforeTheInstanceCheck)
+{
+    WriteSettings(EnglishTexts(), true);
+    m_audio->SetVirtualMicrophoneRefused(true);
+    // Another panel running changes nothing: the driver check comes first, so every start
+    // reports the missing microphone.
+    const ObjHandle other = CreateNamedMutex("LarimoAppMutex", true);
+    ASSERT_NE(other, 0u);
+    for (int start = 0; start < 2; ++start)
+        EXPECT_EQ(Run(), CMoApp::Outcome::kDriverMissing);
+    CloseObject(other);
+
+    ASSERT_EQ(m_sink.m_boxes.size(), 2u);
+    for (const RecordingSink::Box& box : m_sink.m_boxes) {
+        EXPECT_EQ(box.text, "Virtual sound card driver \"Larimo Microphone\" not found.");
+        EXPECT_EQ(box.caption, "Larimo");
+        EXPECT_EQ(box.style & MB_ICONMASK, static_cast<unsigned>(MB_ICONERROR));
+    }
+    EXPECT_TRUE(fs::exists(m_folder / "larimocl.log")) << "the log opens before the driver check";
+    EXPECT_FALSE(ServiceRegistered());
+}
+
+TEST_F(StartupTest, ASecondStartSaysSoAndLeavesTheServiceAlone)
+{
+    WriteSettings(EnglishTexts(), false);
+    const ObjHandle first = CreateNamedMutex("LarimoAppMutex", true);
+    ASSERT_NE(first, 0u);
+    EXPECT_EQ(Run(), CMoApp::Outcome::kAlreadyRunning);
+    CloseObject(first);
+
+    ASSERT_EQ(m_sink.m_boxes.size(), 1u);
+    EXPECT_EQ(m_sink.m_boxes[0].text, "Larimo is already running.");
+    EXPECT_EQ(m_sink.m_boxes[0].caption, "Larimo");
+    EXPECT_EQ(m_wizardRuns, 0) << "the wizard comes after the instance check";
+    EXPECT_FALSE(ServiceRegistered());
+
+    // Once the first panel is gone, the mutex is free again for the next start; the run
+    // ends at the wizard here, so nothing else is touched.
+    m_sink.m_boxes.clear();
+    EXPECT_EQ(Run([](Config&) { return false; }), CMoApp::Outcome::kWizardCancelled);
+    EXPECT_TRUE(m_sink.m_boxes.empty());
+}
+
+TEST_F(StartupTest, ACancelledWizardEndsWithoutInstallingTheService)
+{
+    WriteSettings(EnglishTexts(), false);
+    int shown = 0;
+    EXPECT_EQ(Run([&](Config&) {
+                  ++shown;
+                  return false;
+              }),
+              CMoApp::Outcome::kWizardCancelled);
+    EXPECT_EQ(shown, 1);
+    EXPECT_TRUE(m_sink.m_boxes.empty());
+    EXPECT_FALSE(ServiceRegistered());
+
+    std::ifstream settings(m_folder / "config.ini");
+    const std::string text((std::istreambuf_iterator<char>(settings)), std::istreambuf_iterator<char>());
+    EXPECT_NE(text.find("wizard=0"), std::string::npos) << "a cancelled wizard leaves the first start pending";
+
+    // The mutex of the cancelled run was released: a new start gets past the instance check.
+    EXPECT_EQ(Run([&](Config&) {
+                  ++shown;
+                  return false;
+              }),
+              CMoApp::Outcome::kWizardCancelled);
+    EXPECT_EQ(shown, 2);
+}
+
+} // namespace
+} // namespace larimo
