@@ -71,19 +71,26 @@ double PitchHz(const std::vector<int16_t>& samples)
     const size_t n = std::min<size_t>(samples.size(), 8192);
     if (n < 2048)
         return 0;
+    // A periodic signal correlates as well at two periods as at one: take the shortest lag whose
+    // correlation comes close to the best, so the answer is never an octave low.
+    std::vector<double> correlation(736, 0.0);
     double best = 0;
-    int bestLag = 0;
     for (int lag = 63; lag <= 735; ++lag) {
         double sum = 0;
         for (size_t i = 0; i + static_cast<size_t>(lag) < n; ++i)
             sum += static_cast<double>(samples[i]) * samples[i + static_cast<size_t>(lag)];
-        sum /= static_cast<double>(n - static_cast<size_t>(lag));
-        if (sum > best * 1.0001) {
-            best = sum;
-            bestLag = lag;
-        }
+        correlation[static_cast<size_t>(lag)] = sum / static_cast<double>(n - static_cast<size_t>(lag));
+        best = std::max(best, correlation[static_cast<size_t>(lag)]);
     }
-    return bestLag == 0 ? 0 : 44100.0 / bestLag;
+    if (best <= 0)
+        return 0;
+    for (int lag = 64; lag < 735; ++lag) {
+        const double c = correlation[static_cast<size_t>(lag)];
+        if (c >= 0.9 * best && c >= correlation[static_cast<size_t>(lag) - 1] &&
+            c >= correlation[static_cast<size_t>(lag) + 1])
+            return 44100.0 / lag;
+    }
+    return 0;
 }
 
 void WriteSineWav(const fs::path& path, double hz, double amplitude, size_t count)
