@@ -10,7 +10,8 @@ endif()
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
   # g++ 12 reports impossible overlaps and overflows inside std::string and std::vector
   # copies at -O2 and above; later compilers no longer do.
-  target_compile_options(larimo_options INTERFACE -Wno-restrict -Wno-array-bounds -Wno-stringop-overflow)
+  target_compile_options(larimo_options INTERFACE -Wno-restrict -Wno-array-bounds -Wno-stringop-overflow
+    -Wno-stringop-overread)
 endif()
 if(LARIMO_SANITIZE)
   target_compile_options(larimo_options INTERFACE
