@@ -202,6 +202,8 @@ public:
         : m_folder(root / ("app" + std::to_string(blockMs)))
     {
         const fs::path app(LARIMO_APP_DIR);
+        // The benchmark library may run a case more than once: start from an empty folder.
+        fs::remove_all(m_folder);
         fs::create_directories(m_folder / "backsounds");
         fs::create_directories(m_folder / "emoticsounds");
         for (const char* name : {"LarimoServer", "larimoctl", "voiceeffects.ini"})
