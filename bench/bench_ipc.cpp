@@ -23,6 +23,28 @@ using Clock = std::chrono::steady_clock;
 
 double g_socketMedianUs = 0;
 
+class ObjectNamespace {
+public:
+    ObjectNamespace()
+        : m_name("bench" + std::to_string(getpid()))
+    {
+        setenv("LARIMO_OBJECT_NAMESPACE", m_name.c_str(), 1);
+    }
+    ~ObjectNamespace()
+    {
+        std::error_code ignored;
+        for (const auto& entry : fs::directory_iterator("/dev/shm", ignored)) {
+            if (entry.path().filename().string().find("-" + m_name + "-") != std::string::npos)
+                fs::remove(entry.path(), ignored);
+        }
+    }
+    ObjectNamespace(const ObjectNamespace&) = delete;
+    ObjectNamespace& operator=(const ObjectNamespace&) = delete;
+
+private:
+    std::string m_name;
+};
+
 struct Percentiles {
     double median = 0;
     double p99 = 0;
@@ -78,9 +100,10 @@ BENCHMARK(BM_UnixSocketPingPong)->UseRealTime();
 
 void BM_EffectSetActiveRoundTrip(benchmark::State& state)
 {
-    // A world of objects of its own, apart from a voice service the user may be running.
-    const std::string space = "bench" + std::to_string(getpid());
-    setenv("LARIMO_OBJECT_NAMESPACE", space.c_str(), 1);
+    // A world of objects of its own, apart from a voice service the user may be running. The
+    // benchmark library may run this case more than once, and this process keeps the object
+    // table it opened, so the namespace stays for the whole process and goes at its end.
+    static const ObjectNamespace space;
     char pattern[] = "/tmp/larimo-bench-XXXXXX";
     const fs::path folder = mkdtemp(pattern);
     fs::copy_file(fs::path(LARIMO_APP_DIR) / "LarimoServer", folder / "LarimoServer");
@@ -115,11 +138,6 @@ void BM_EffectSetActiveRoundTrip(benchmark::State& state)
     kill(service, SIGTERM);
     waitpid(service, nullptr, 0);
     fs::remove_all(folder);
-    std::error_code ignored;
-    for (const auto& entry : fs::directory_iterator("/dev/shm", ignored)) {
-        if (entry.path().filename().string().find("-" + space + "-") != std::string::npos)
-            fs::remove(entry.path(), ignored);
-    }
     Report(state, samples);
     if (g_socketMedianUs > 0 && !samples.empty())
         state.counters["x_socket_median"] = Summarise(samples).median / g_socketMedianUs;
