@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <fstream>
 
@@ -63,6 +64,30 @@ pid_t ServiceProcess::Spawn() const
         _exit(127);
     }
     return pid;
+}
+
+void ServiceProcess::AddSound(const std::string& relativePath, double seconds) const
+{
+    const fs::path path = m_folder / relativePath;
+    fs::create_directories(path.parent_path());
+    const auto count = static_cast<uint32_t>(seconds * 44100);
+    std::ofstream file(path, std::ios::binary);
+    const auto u32 = [&file](uint32_t value) { file.write(reinterpret_cast<const char*>(&value), 4); };
+    const auto u16 = [&file](uint16_t value) { file.write(reinterpret_cast<const char*>(&value), 2); };
+    file.write("RIFF", 4);
+    u32(36 + count * 2);
+    file.write("WAVEfmt ", 8);
+    u32(16);
+    u16(1);
+    u16(1);
+    u32(44100);
+    u32(88200);
+    u16(2);
+    u16(16);
+    file.write("data", 4);
+    u32(count * 2);
+    for (uint32_t i = 0; i < count; ++i)
+        u16(static_cast<uint16_t>(static_cast<int16_t>(1000 * std::sin(2 * M_PI * 440 * i / 44100.0))));
 }
 
 bool ServiceProcess::Start()

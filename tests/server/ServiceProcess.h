@@ -19,6 +19,10 @@ public:
     ServiceProcess(const ServiceProcess&) = delete;
     ServiceProcess& operator=(const ServiceProcess&) = delete;
 
+    /// Puts a quiet tone of `seconds` in the library format at `relativePath` of the app folder
+    /// ("emoticsounds/Voices/Laugh.wav"), so the service has a real sound to play.
+    void AddSound(const std::string& relativePath, double seconds) const;
+
     /// Starts the service and waits until it answers (at most 10 s). False if it did not.
     bool Start();
     /// Runs a second instance to its end and returns its exit status (-1 on a signal).

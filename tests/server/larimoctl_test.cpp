@@ -33,6 +33,8 @@ protected:
     void SetUp() override
     {
         fs::copy_file(fs::path(LARIMO_APP_DIR) / "larimoctl", m_service.Folder() / "larimoctl");
+        m_service.AddSound("emoticsounds/Voices/Laugh.wav", 20);
+        m_service.AddSound("emoticsounds/Effects/Boing.wav", 20);
     }
 
     Outcome Run(const std::string& arguments)
