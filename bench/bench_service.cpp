@@ -76,7 +76,7 @@ void WriteWav(const fs::path& path, double hz, int amplitude, uint32_t frames)
 
 pa_simple* OpenStream(pa_stream_direction_t direction, const char* device, uint32_t bufferBytes)
 {
-    const pa_sample_spec spec{PA_SAMPLE_S16LE, kRate, 1};
+    const pa_sample_spec format{PA_SAMPLE_S16LE, kRate, 1};
     pa_buffer_attr attr{};
     attr.maxlength = static_cast<uint32_t>(-1);
     attr.tlength = direction == PA_STREAM_PLAYBACK ? bufferBytes : static_cast<uint32_t>(-1);
@@ -85,7 +85,7 @@ pa_simple* OpenStream(pa_stream_direction_t direction, const char* device, uint3
     attr.fragsize = direction == PA_STREAM_RECORD ? bufferBytes : static_cast<uint32_t>(-1);
     int error = 0;
     pa_simple* stream =
-        pa_simple_new(nullptr, "bench_service", direction, device, "bench", &spec, nullptr, &attr, &error);
+        pa_simple_new(nullptr, "bench_service", direction, device, "bench", &format, nullptr, &attr, &error);
     if (stream == nullptr)
         std::fprintf(stderr, "bench_service: %s: %s\n", device, pa_strerror(error));
     return stream;

@@ -14,11 +14,11 @@ constexpr double kHalfLengthSeconds = 64.0 / 44100.0;
 
 } // namespace
 
-const std::array<ParamSpec, AlienVoice::kParamCount> AlienVoice::kParams { {
-    { "Shift", "Hz", -600.0f, 600.0f, 220.0f, ParamSpec::Scale::Linear, 0 },
-    { "Wobble", "Hz", 0.0f, 12.0f, 5.0f, ParamSpec::Scale::Linear, 1 },
-    { "Depth", "Hz", 0.0f, 200.0f, 60.0f, ParamSpec::Scale::Linear, 0 },
-    { "Mix", "%", 0.0f, 100.0f, 100.0f, ParamSpec::Scale::Linear, 0 },
+const std::array<ParamInfo, AlienVoice::kParamCount> AlienVoice::kParams { {
+    { "Shift", "Hz", -600.0f, 600.0f, 220.0f, ParamInfo::Scale::Linear, 0 },
+    { "Wobble", "Hz", 0.0f, 12.0f, 5.0f, ParamInfo::Scale::Linear, 1 },
+    { "Depth", "Hz", 0.0f, 200.0f, 60.0f, ParamInfo::Scale::Linear, 0 },
+    { "Mix", "%", 0.0f, 100.0f, 100.0f, ParamInfo::Scale::Linear, 0 },
 } };
 
 const EffectInfo AlienVoice::kInfo { "Larimo Alien", 0x4C6D416C /* LmAl */, 1000, kParams };

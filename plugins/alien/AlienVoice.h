@@ -16,7 +16,7 @@ namespace larimo::fx {
 class AlienVoice final : public EffectDsp {
 public:
     enum Param { kShift, kWobble, kDepth, kMix, kParamCount };
-    static const std::array<ParamSpec, kParamCount> kParams;
+    static const std::array<ParamInfo, kParamCount> kParams;
     static const EffectInfo kInfo;
 
     AlienVoice();

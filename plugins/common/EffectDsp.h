@@ -4,7 +4,7 @@
 // plain units and calls it. Nothing here knows about any plug-in interface.
 #pragma once
 
-#include "ParamSpec.h"
+#include "ParamInfo.h"
 
 #include <cstdint>
 #include <span>
@@ -21,7 +21,7 @@ public:
     /// Clears delay lines and filters and lets every smoothed parameter jump to its target.
     /// RT call: no allocation.
     virtual void ResetRT() = 0;
-    /// Sets parameter `index` (plain units, inside its spec's range); the effect glides there.
+    /// Sets parameter `index` (plain units, inside its range); the effect glides there.
     /// RT call.
     virtual void SetParameterRT(int index, float plainValue) = 0;
     /// Processes `frames` samples; `in` and `out` may be the same buffer. RT call.
@@ -39,7 +39,7 @@ struct EffectInfo {
     const char* m_effectName; ///< what hosts show, for example "Larimo Echo"
     int32_t m_uniqueId; ///< four characters, unique among Larimo's effects
     int32_t m_version;
-    std::span<const ParamSpec> m_params;
+    std::span<const ParamInfo> m_params;
 };
 
 } // namespace larimo::fx

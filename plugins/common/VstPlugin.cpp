@@ -72,10 +72,10 @@ VstPlugin::VstPlugin(const EffectInfo& info, Factory factory)
     for (auto& dsp : m_dsp)
         dsp = factory();
     for (int32_t i = 0; i < paramCount; ++i) {
-        const ParamSpec& spec = info.m_params[static_cast<size_t>(i)];
-        m_values[static_cast<size_t>(i)].store(spec.ToNormalized(spec.m_default));
+        const ParamInfo& param = info.m_params[static_cast<size_t>(i)];
+        m_values[static_cast<size_t>(i)].store(param.ToNormalized(param.m_default));
         for (auto& dsp : m_dsp)
-            dsp->SetParameterRT(i, spec.m_default);
+            dsp->SetParameterRT(i, param.m_default);
     }
     SetSampleRate(m_sampleRate);
 

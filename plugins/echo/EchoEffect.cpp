@@ -7,11 +7,11 @@
 
 namespace larimo::fx {
 
-const std::array<ParamSpec, EchoEffect::kParamCount> EchoEffect::kParams { {
-    { "Delay", "ms", 50.0f, 1200.0f, 320.0f, ParamSpec::Scale::Logarithmic, 0 },
-    { "Feedback", "%", 0.0f, 90.0f, 40.0f, ParamSpec::Scale::Linear, 0 },
-    { "Level", "%", 0.0f, 100.0f, 50.0f, ParamSpec::Scale::Linear, 0 },
-    { "Tone", "Hz", 800.0f, 12000.0f, 4000.0f, ParamSpec::Scale::Logarithmic, 0 },
+const std::array<ParamInfo, EchoEffect::kParamCount> EchoEffect::kParams { {
+    { "Delay", "ms", 50.0f, 1200.0f, 320.0f, ParamInfo::Scale::Logarithmic, 0 },
+    { "Feedback", "%", 0.0f, 90.0f, 40.0f, ParamInfo::Scale::Linear, 0 },
+    { "Level", "%", 0.0f, 100.0f, 50.0f, ParamInfo::Scale::Linear, 0 },
+    { "Tone", "Hz", 800.0f, 12000.0f, 4000.0f, ParamInfo::Scale::Logarithmic, 0 },
 } };
 
 const EffectInfo EchoEffect::kInfo { "Larimo Echo", 0x4C6D4563 /* LmEc */, 1000, kParams };

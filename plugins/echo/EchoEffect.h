@@ -16,7 +16,7 @@ namespace larimo::fx {
 class EchoEffect final : public EffectDsp {
 public:
     enum Param { kDelay, kFeedback, kLevel, kTone, kParamCount };
-    static const std::array<ParamSpec, kParamCount> kParams;
+    static const std::array<ParamInfo, kParamCount> kParams;
     static const EffectInfo kInfo;
 
     EchoEffect();

@@ -5,10 +5,10 @@
 
 namespace larimo::fx {
 
-const std::array<ParamSpec, PitchShifter::kParamCount> PitchShifter::kParams { {
-    { "Pitch", "semi", -12.0f, 12.0f, 0.0f, ParamSpec::Scale::Linear, 1 },
+const std::array<ParamInfo, PitchShifter::kParamCount> PitchShifter::kParams { {
+    { "Pitch", "semi", -12.0f, 12.0f, 0.0f, ParamInfo::Scale::Linear, 1 },
     // 0 keeps the voice's own formants; the pitch's value moves them along with it.
-    { "Formant", "semi", -12.0f, 12.0f, 0.0f, ParamSpec::Scale::Linear, 1 },
+    { "Formant", "semi", -12.0f, 12.0f, 0.0f, ParamInfo::Scale::Linear, 1 },
 } };
 
 const EffectInfo PitchShifter::kInfo { "Larimo Pitch", 0x4C6D5069 /* LmPi */, 1000, kParams };

@@ -15,7 +15,7 @@ namespace larimo::fx {
 class PitchShifter final : public EffectDsp {
 public:
     enum Param { kPitch, kFormant, kParamCount };
-    static const std::array<ParamSpec, kParamCount> kParams;
+    static const std::array<ParamInfo, kParamCount> kParams;
     static const EffectInfo kInfo;
 
     PitchShifter();

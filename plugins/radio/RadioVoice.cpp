@@ -15,11 +15,11 @@ constexpr double kPresenceDb = 6.0;
 
 } // namespace
 
-const std::array<ParamSpec, RadioVoice::kParamCount> RadioVoice::kParams { {
-    { "Low cut", "Hz", 150.0f, 1200.0f, 400.0f, ParamSpec::Scale::Logarithmic, 0 },
-    { "High cut", "Hz", 1500.0f, 6000.0f, 3200.0f, ParamSpec::Scale::Logarithmic, 0 },
-    { "Drive", "%", 0.0f, 100.0f, 40.0f, ParamSpec::Scale::Linear, 0 },
-    { "Volume", "dB", -12.0f, 12.0f, 0.0f, ParamSpec::Scale::Linear, 1 },
+const std::array<ParamInfo, RadioVoice::kParamCount> RadioVoice::kParams { {
+    { "Low cut", "Hz", 150.0f, 1200.0f, 400.0f, ParamInfo::Scale::Logarithmic, 0 },
+    { "High cut", "Hz", 1500.0f, 6000.0f, 3200.0f, ParamInfo::Scale::Logarithmic, 0 },
+    { "Drive", "%", 0.0f, 100.0f, 40.0f, ParamInfo::Scale::Linear, 0 },
+    { "Volume", "dB", -12.0f, 12.0f, 0.0f, ParamInfo::Scale::Linear, 1 },
 } };
 
 const EffectInfo RadioVoice::kInfo { "Larimo Radio", 0x4C6D5264 /* LmRd */, 1000, kParams };

@@ -14,7 +14,7 @@ namespace larimo::fx {
 class RadioVoice final : public EffectDsp {
 public:
     enum Param { kLowCut, kHighCut, kDrive, kVolume, kParamCount };
-    static const std::array<ParamSpec, kParamCount> kParams;
+    static const std::array<ParamInfo, kParamCount> kParams;
     static const EffectInfo kInfo;
 
     RadioVoice();

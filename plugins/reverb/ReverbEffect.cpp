@@ -19,11 +19,11 @@ constexpr float kWetGain = 0.18f;
 
 } // namespace
 
-const std::array<ParamSpec, ReverbEffect::kParamCount> ReverbEffect::kParams { {
-    { "Decay", "s", 0.3f, 10.0f, 1.6f, ParamSpec::Scale::Logarithmic, 1 },
-    { "Damping", "%", 0.0f, 100.0f, 40.0f, ParamSpec::Scale::Linear, 0 },
-    { "Predelay", "ms", 0.0f, kMaxPredelayMs, 20.0f, ParamSpec::Scale::Linear, 0 },
-    { "Mix", "%", 0.0f, 100.0f, 35.0f, ParamSpec::Scale::Linear, 0 },
+const std::array<ParamInfo, ReverbEffect::kParamCount> ReverbEffect::kParams { {
+    { "Decay", "s", 0.3f, 10.0f, 1.6f, ParamInfo::Scale::Logarithmic, 1 },
+    { "Damping", "%", 0.0f, 100.0f, 40.0f, ParamInfo::Scale::Linear, 0 },
+    { "Predelay", "ms", 0.0f, kMaxPredelayMs, 20.0f, ParamInfo::Scale::Linear, 0 },
+    { "Mix", "%", 0.0f, 100.0f, 35.0f, ParamInfo::Scale::Linear, 0 },
 } };
 
 const EffectInfo ReverbEffect::kInfo { "Larimo Reverb", 0x4C6D5276 /* LmRv */, 1000, kParams };

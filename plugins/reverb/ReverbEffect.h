@@ -16,7 +16,7 @@ namespace larimo::fx {
 class ReverbEffect final : public EffectDsp {
 public:
     enum Param { kDecay, kDamping, kPredelay, kMix, kParamCount };
-    static const std::array<ParamSpec, kParamCount> kParams;
+    static const std::array<ParamInfo, kParamCount> kParams;
     static const EffectInfo kInfo;
 
     ReverbEffect();

@@ -6,10 +6,10 @@
 
 namespace larimo::fx {
 
-const std::array<ParamSpec, RobotVoice::kParamCount> RobotVoice::kParams { {
-    { "Note", "Hz", 50.0f, 300.0f, 110.0f, ParamSpec::Scale::Logarithmic, 0 },
-    { "Flatten", "%", 0.0f, 100.0f, 100.0f, ParamSpec::Scale::Linear, 0 },
-    { "Metal", "%", 0.0f, 100.0f, 50.0f, ParamSpec::Scale::Linear, 0 },
+const std::array<ParamInfo, RobotVoice::kParamCount> RobotVoice::kParams { {
+    { "Note", "Hz", 50.0f, 300.0f, 110.0f, ParamInfo::Scale::Logarithmic, 0 },
+    { "Flatten", "%", 0.0f, 100.0f, 100.0f, ParamInfo::Scale::Linear, 0 },
+    { "Metal", "%", 0.0f, 100.0f, 50.0f, ParamInfo::Scale::Linear, 0 },
 } };
 
 const EffectInfo RobotVoice::kInfo { "Larimo Robot", 0x4C6D526F /* LmRo */, 1000, kParams };

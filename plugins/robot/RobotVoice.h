@@ -14,7 +14,7 @@ namespace larimo::fx {
 class RobotVoice final : public EffectDsp {
 public:
     enum Param { kNote, kFlatten, kMetal, kParamCount };
-    static const std::array<ParamSpec, kParamCount> kParams;
+    static const std::array<ParamInfo, kParamCount> kParams;
     static const EffectInfo kInfo;
 
     RobotVoice();

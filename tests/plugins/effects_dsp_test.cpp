@@ -31,33 +31,33 @@ std::vector<float> Impulse(size_t frames)
     return x;
 }
 
-TEST(ParamSpecTest, EveryTableMapsBothWaysAndShowsItsValues)
+TEST(ParamInfoTest, EveryTableMapsBothWaysAndShowsItsValues)
 {
-    const std::vector<std::span<const ParamSpec>> tables { EchoEffect::kParams, PitchShifter::kParams,
+    const std::vector<std::span<const ParamInfo>> tables { EchoEffect::kParams, PitchShifter::kParams,
                                                            RobotVoice::kParams, RadioVoice::kParams,
                                                            ReverbEffect::kParams, AlienVoice::kParams };
     for (const auto& table : tables) {
-        for (const ParamSpec& spec : table) {
-            SCOPED_TRACE(spec.m_name);
-            EXPECT_GE(spec.m_default, spec.m_minimum);
-            EXPECT_LE(spec.m_default, spec.m_maximum);
-            EXPECT_FLOAT_EQ(spec.ToPlain(0.0f), spec.m_minimum);
-            EXPECT_NEAR(spec.ToPlain(1.0f), spec.m_maximum, 1e-4f * std::fabs(spec.m_maximum));
+        for (const ParamInfo& info : table) {
+            SCOPED_TRACE(info.m_name);
+            EXPECT_GE(info.m_default, info.m_minimum);
+            EXPECT_LE(info.m_default, info.m_maximum);
+            EXPECT_FLOAT_EQ(info.ToPlain(0.0f), info.m_minimum);
+            EXPECT_NEAR(info.ToPlain(1.0f), info.m_maximum, 1e-4f * std::fabs(info.m_maximum));
             for (const float t : { 0.1f, 0.5f, 0.9f })
-                EXPECT_NEAR(spec.ToNormalized(spec.ToPlain(t)), t, 1e-4f);
-            EXPECT_FLOAT_EQ(spec.ToPlain(-3.0f), spec.m_minimum);
-            EXPECT_FLOAT_EQ(spec.ToPlain(std::nanf("")), spec.m_minimum);
+                EXPECT_NEAR(info.ToNormalized(info.ToPlain(t)), t, 1e-4f);
+            EXPECT_FLOAT_EQ(info.ToPlain(-3.0f), info.m_minimum);
+            EXPECT_FLOAT_EQ(info.ToPlain(std::nanf("")), info.m_minimum);
         }
     }
     // A slider resting at the middle of a symmetric range reads 0, not "-0.0".
-    const ParamSpec& pitch = PitchShifter::kParams[PitchShifter::kPitch];
+    const ParamInfo& pitch = PitchShifter::kParams[PitchShifter::kPitch];
     char text[32];
     pitch.Display(pitch.ToNormalized(0.0f) - 1e-7f, text, sizeof text);
     EXPECT_STREQ(text, "0.0");
     pitch.Display(1.0f, text, sizeof text);
     EXPECT_STREQ(text, "12.0");
     // Logarithmic scales put the geometric middle at the middle.
-    const ParamSpec& delay = EchoEffect::kParams[EchoEffect::kDelay];
+    const ParamInfo& delay = EchoEffect::kParams[EchoEffect::kDelay];
     EXPECT_NEAR(delay.ToPlain(0.5f), std::sqrt(delay.m_minimum * delay.m_maximum), 0.01f);
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "ParamSpec.h"
+#include "ParamInfo.h"
 
 #include <algorithm>
 #include <cmath>
@@ -7,7 +7,7 @@
 
 namespace larimo::fx {
 
-float ParamSpec::ToPlain(float normalized) const
+float ParamInfo::ToPlain(float normalized) const
 {
     const float t = std::clamp(std::isfinite(normalized) ? normalized : 0.0f, 0.0f, 1.0f);
     if (m_scale == Scale::Logarithmic)
@@ -15,7 +15,7 @@ float ParamSpec::ToPlain(float normalized) const
     return m_minimum + (m_maximum - m_minimum) * t;
 }
 
-float ParamSpec::ToNormalized(float plain) const
+float ParamInfo::ToNormalized(float plain) const
 {
     const float v = std::clamp(plain, m_minimum, m_maximum);
     if (m_scale == Scale::Logarithmic)
@@ -23,7 +23,7 @@ float ParamSpec::ToNormalized(float plain) const
     return (v - m_minimum) / (m_maximum - m_minimum);
 }
 
-void ParamSpec::Display(float normalized, char* text, size_t size) const
+void ParamInfo::Display(float normalized, char* text, size_t size) const
 {
     if (size == 0)
         return;

@@ -8,7 +8,7 @@
 
 namespace larimo::fx {
 
-struct ParamSpec {
+struct ParamInfo {
     enum class Scale {
         Linear,
         Logarithmic, ///< equal steps of the host value multiply the plain value (minimum > 0)
@@ -26,7 +26,7 @@ struct ParamSpec {
     float ToPlain(float normalized) const;
     /// Host value (0..1) for a plain value; values outside the range are clamped. Any thread.
     float ToNormalized(float plain) const;
-    /// The plain value of `normalized` as text with the spec's decimals, always terminated.
+    /// The plain value of `normalized` as text with the parameter's decimals, always terminated.
     void Display(float normalized, char* text, size_t size) const;
 };
 
