@@ -25,6 +25,8 @@ cleanup() {
   [[ -n "$server_pid" ]] && kill "$server_pid" 2>/dev/null && wait "$server_pid" 2>/dev/null || true
   "$root/scripts/test-soundserver.sh" stop "$work/sound" >/dev/null 2>&1 || true
   rm -rf "$work"
+  # The named objects of this run's namespace, once every process that used them has ended.
+  rm -f /dev/shm/larimo-"$(id -u)"-demo$$-*
 }
 trap cleanup EXIT
 
