@@ -77,34 +77,34 @@ std::string NtServiceErrorText(int result)
     }
 }
 
-int NtServiceStart(const std::string& name)
+namespace {
+
+// One manager operation on the named service, logged under `scope`.
+int OnService(const char* scope, const std::string& name, int (ServiceManager::*operation)(const std::string&))
 {
-    LogEnter("NtServiceStart", "\"%s\"", name.c_str());
+    LogEnter(scope, "\"%s\"", name.c_str());
     int result = kNtsSuccess;
     const std::unique_ptr<ServiceManager> manager = OpenManager(result);
     if (manager)
-        result = manager->Start(name);
-    return LeaveWith("NtServiceStart", result);
+        result = ((*manager).*operation)(name);
+    return LeaveWith(scope, result);
+}
+
+} // namespace
+
+int NtServiceStart(const std::string& name)
+{
+    return OnService("NtServiceStart", name, &ServiceManager::Start);
 }
 
 int NtServiceStop(const std::string& name)
 {
-    LogEnter("NtServiceStop", "\"%s\"", name.c_str());
-    int result = kNtsSuccess;
-    const std::unique_ptr<ServiceManager> manager = OpenManager(result);
-    if (manager)
-        result = manager->Stop(name);
-    return LeaveWith("NtServiceStop", result);
+    return OnService("NtServiceStop", name, &ServiceManager::Stop);
 }
 
 int NtServiceUninstall(const std::string& name)
 {
-    LogEnter("NtServiceUninstall", "\"%s\"", name.c_str());
-    int result = kNtsSuccess;
-    const std::unique_ptr<ServiceManager> manager = OpenManager(result);
-    if (manager)
-        result = manager->Uninstall(name);
-    return LeaveWith("NtServiceUninstall", result);
+    return OnService("NtServiceUninstall", name, &ServiceManager::Uninstall);
 }
 
 int NtServiceStatus(const std::string& name, uint32_t& state)
