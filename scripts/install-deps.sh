@@ -17,6 +17,8 @@ packages=(
   sox espeak-ng
   # third-party VST 2 plug-ins the effect host is tested against
   dpf-plugins-vst
+  # a real call client in the end-to-end test (headless Chromium, driven by python3)
+  chromium python3
   # the voice service as a systemd user unit (sd-bus)
   libsystemd-dev
   # the sound server client library; a private PulseAudio daemon and pactl for the audio tests
