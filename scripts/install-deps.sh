@@ -27,6 +27,8 @@ packages=(
   qt6-base-dev qt6-base-dev-tools libgl-dev xvfb xauth fonts-dejavu-core
   # the panel's global hot keys (xcb key grabs); pressing keys and screenshots in its tests
   libxcb1-dev libxcb-keysyms1-dev xdotool imagemagick
+  # a private session bus for the tests of the Wayland hot keys (desktop portal)
+  dbus-daemon
 )
 
 missing=()

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "config.h"
 
+#include "filltext.h"
+#include "texts.h"
+
 #include "keyboard.h"
 #include "mlog.h"
 #include "profilenumber.h"
@@ -17,6 +20,40 @@ const std::array<std::string_view, kShortcutCount> kShortcutKeys {
     "BackSound2_VolAdd", "BackSound2_VolSub", "BackSound3", "BackSound3_VolAdd",
     "BackSound3_VolSub", "Stop",
 };
+
+std::string ShortcutActionText(ShortcutAction action)
+{
+    switch (action) {
+    case kScVoiceEffect1:
+    case kScVoiceEffect2:
+    case kScVoiceEffect3:
+        return FillText(271, action - kScVoiceEffect1 + 1);
+    case kScListen:
+        return GetText(272);
+    case kScFunSound1:
+    case kScFunSound2:
+    case kScFunSound3:
+        return FillText(273, action - kScFunSound1 + 1);
+    case kScStop:
+        return GetText(275);
+    case kShortcutCount:
+        break;
+    default: {
+        // The background actions come in threes: select, louder, quieter.
+        const int offset = action - kScBackSound1;
+        const std::string slot = FillText(274, offset / 3 + 1);
+        switch (offset % 3) {
+        case 0:
+            return slot;
+        case 1:
+            return slot + " " + GetText(278) + " +";
+        default:
+            return slot + " " + GetText(278) + " -";
+        }
+    }
+    }
+    return {};
+}
 
 namespace {
 

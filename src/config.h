@@ -50,6 +50,10 @@ enum ShortcutAction : int {
 /// The key of each action in the "Shortcuts" section, indexed by ShortcutAction.
 extern const std::array<std::string_view, kShortcutCount> kShortcutKeys;
 
+/// What an action does, in the user's language ("Voice Effect 2", "Background 1 Volume +"), as
+/// the shortcut list and the desktop's shortcut settings show it. Texts must be started.
+std::string ShortcutActionText(ShortcutAction action);
+
 /// One background-sound slot (section "sound_<i>").
 struct BackSound {
     std::string m_file; // library file name with its ".wav"; empty for an empty slot

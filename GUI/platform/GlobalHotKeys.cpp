@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "GlobalHotKeys.h"
 
+#include "PortalHotKeys.h"
 #include "X11HotKeys.h"
 #include "mlog.h"
 
@@ -32,9 +33,17 @@ private:
 
 GlobalHotKeys* CreateGlobalHotKeys(QObject* parent)
 {
+    // LARIMO_HOTKEYS=x11|portal|none overrides the choice, e.g. to try the portal from X11.
+    const QByteArray wanted = qgetenv("LARIMO_HOTKEYS");
+    if (wanted == "portal")
+        return new PortalHotKeys(parent);
+    if (wanted == "none")
+        return new NoHotKeys(parent, "switched off by LARIMO_HOTKEYS");
     const QString platform = QGuiApplication::platformName();
-    if (platform == "xcb")
+    if (platform == "xcb" || wanted == "x11")
         return new X11HotKeys(parent);
+    if (platform == "wayland")
+        return new PortalHotKeys(parent);
     return new NoHotKeys(parent, "the platform \"" + platform.toStdString() + "\" has no global key grabs");
 }
 
