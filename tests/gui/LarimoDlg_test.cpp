@@ -3,6 +3,9 @@
 // leaves in config.ini, and the controls following the service through stop, kill and restart.
 #include "LarimoDlg.h"
 
+#include "AboutDlg.h"
+#include "QtMessageBoxSink.h"
+
 #include "FFButton.h"
 #include "FFSliderCtrl.h"
 #include "FFStaticText.h"
@@ -12,13 +15,17 @@
 
 #include "config.h"
 #include "error.h"
+#include "help.h"
 #include "modb.h"
 #include "texts.h"
 #include "wintools.h"
 
 #include <QApplication>
+#include <QDesktopServices>
+#include <QLabel>
 #include <QMenu>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -88,6 +95,15 @@ bool Pump(int ms, const std::function<bool()>& done)
         return done();
     });
 }
+
+// Stands in for the desktop's browser: keeps what the panel asks it to open.
+class OpenedUrls final : public QObject {
+    Q_OBJECT
+public:
+    QList<QUrl> m_urls;
+public slots:
+    void Open(const QUrl& url) { m_urls << url; }
+};
 
 class LarimoDlgTest : public ::testing::Test {
 protected:
@@ -354,3 +370,57 @@ TEST_F(LarimoDlgTest, AMissingSkinObjectEndsTheWindowWithOneSkinError)
 
 } // namespace
 } // namespace larimo
+
+namespace larimo {
+namespace {
+
+TEST_F(LarimoDlgTest, HelpOpensTheTopicPageOfTheSettingsLanguage)
+{
+    CLarimoDlg& dialog = Open();
+    OpenedUrls browser;
+    QDesktopServices::setUrlHandler(QStringLiteral("file"), &browser, "Open");
+    SetHelpViewer(std::make_unique<DesktopHelpViewer>());
+    const std::string help = std::string(LARIMO_SOURCE_DIR) + "/data/help/";
+
+    SetHelpFilePath(help + "en/larimo_en.chm");
+    dialog.OnHelp();
+    SetHelpFilePath(help + "larimo_de.chm");
+    dialog.OnHelp();
+    ASSERT_EQ(browser.m_urls.size(), 2);
+    EXPECT_EQ(browser.m_urls[0], QUrl::fromLocalFile(QString::fromStdString(help + "en/gui.html")));
+    EXPECT_EQ(browser.m_urls[1], QUrl::fromLocalFile(QString::fromStdString(help + "gui.html")));
+
+    // A help folder that went missing is reported, and no browser opens on nothing.
+    m_sink.m_boxes.clear();
+    SetHelpFilePath(m_service.Folder().string() + "/help/larimo_en.chm");
+    dialog.OnHelp();
+    EXPECT_EQ(browser.m_urls.size(), 2);
+    ASSERT_EQ(m_sink.m_boxes.size(), 1u);
+    EXPECT_NE(m_sink.m_boxes[0].text.find("/help/gui.html"), std::string::npos);
+    EXPECT_EQ(m_sink.m_boxes[0].style & MB_ICONMASK, MB_ICONWARNING);
+
+    QDesktopServices::unsetUrlHandler(QStringLiteral("file"));
+    SetHelpViewer(nullptr);
+}
+
+TEST_F(LarimoDlgTest, AboutShowsTheProgramsVersionRecordAndTheProductAddress)
+{
+    // The version comes from the record built into the program file, not from the source.
+    EXPECT_THAT(CAboutDlg::VersionText(LARIMO_APP_DIR "/larimo"), ::testing::MatchesRegex("[0-9]+\\.[0-9]+\\.[0-9]+\\.[0-9]+"));
+    EXPECT_EQ(CAboutDlg::VersionText(LARIMO_SOURCE_DIR "/README.md"), "") << "a file without a record";
+
+    CLarimoDlg& dialog = Open();
+    CAboutDlg about("https://larimo.example.org/", &dialog);
+    auto label = [&](const char* name) {
+        auto* found = about.findChild<QLabel*>(QString::fromLatin1(name));
+        return found == nullptr ? QString() : found->text();
+    };
+    EXPECT_TRUE(label("ctrl1154").contains("href=\"https://larimo.example.org/\""));
+    EXPECT_FALSE(label("ctrl1150").isEmpty());
+    EXPECT_EQ(about.windowTitle().toStdString(), GetText(113));
+}
+
+} // namespace
+} // namespace larimo
+
+#include "LarimoDlg_test.moc"
