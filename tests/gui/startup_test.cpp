@@ -3,8 +3,12 @@
 // a temporary app folder over the simulated sound system.
 #include "init.h"
 
+#include "LarimoDlg.h"
+
 #include "../server/ServiceProcess.h"
 
+#include "NTService.h"
+#include "config.h"
 #include "error.h"
 #include "mlog.h"
 #include "platform/AudioBackend.h"
@@ -14,6 +18,8 @@
 #include <QApplication>
 
 #include <gtest/gtest.h>
+
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -200,6 +206,86 @@ TEST_F(StartupTest, ACancelledWizardEndsWithoutInstallingTheService)
               }),
               CMoApp::Outcome::kWizardCancelled);
     EXPECT_EQ(shown, 2);
+}
+
+TEST_F(StartupTest, ADefaultDeviceThatCannotBeSetIsToldAndStartUpGoesOn)
+{
+    WriteSettings(EnglishTexts(), false);
+    m_audio->SetDefaultDeviceRefused(true);
+    EXPECT_EQ(Run([](Config&) { return false; }), CMoApp::Outcome::kWizardCancelled)
+        << "start-up must go on to the wizard";
+    ASSERT_EQ(m_sink.m_boxes.size(), 1u);
+    EXPECT_EQ(m_sink.m_boxes[0].text, "Could not select default sound device.");
+    EXPECT_EQ(m_sink.m_boxes[0].caption, "Larimo");
+    EXPECT_EQ(m_sink.m_boxes[0].style & MB_ICONMASK, static_cast<unsigned>(MB_ICONINFORMATION));
+}
+
+TEST_F(StartupTest, AServiceProgramThatIsMissingEndsStartUpWithItsMessage)
+{
+    WriteSettings(EnglishTexts(), true);
+    EXPECT_EQ(Run(), CMoApp::Outcome::kInstallFailed);
+    ASSERT_EQ(m_sink.m_boxes.size(), 1u);
+    EXPECT_EQ(m_sink.m_boxes[0].caption, "Larimo");
+    EXPECT_EQ(m_sink.m_boxes[0].style & MB_ICONMASK, static_cast<unsigned>(MB_ICONERROR));
+    EXPECT_FALSE(ServiceRegistered());
+}
+
+// The whole way a new user takes: started from elsewhere, the wizard runs first, then the
+// service is registered and started, and the panel opens.
+TEST_F(StartupTest, AFirstStartFromAnotherDirectoryRunsTheWizardThenTheServiceThenThePanel)
+{
+    WriteSettings(EnglishTexts(), false);
+    fs::copy_file(fs::path(LARIMO_APP_DIR) / "LarimoServer", m_folder / "LarimoServer");
+    const fs::path elsewhere = fs::current_path();
+    ASSERT_EQ(chdir("/"), 0);
+
+    // Whatever happens below, no service of this test outlives it.
+    struct ServiceCleanup {
+        ~ServiceCleanup()
+        {
+            NtServiceStop(kServiceName);
+            NtServiceUninstall(kServiceName);
+        }
+    } cleanup;
+
+    bool registeredBeforeWizard = true;
+    bool shown = false;
+    CMoApp::Hooks hooks;
+    hooks.programFolder = m_folder.string();
+    hooks.messageSink = &m_sink;
+    hooks.wizard = [&](Config& settings) {
+        registeredBeforeWizard = ServiceRegistered();
+        settings.m_input = "Microphone (Test)";
+        settings.m_monitor = "Speakers";
+        return true;
+    };
+    hooks.mainWindowShown = [&](CLarimoDlg& dialog) {
+        shown = true;
+        dialog.OnExit();
+    };
+    const CMoApp::Outcome outcome = CMoApp(std::move(hooks)).InitInstance();
+    fs::current_path(elsewhere);
+
+    EXPECT_EQ(outcome, CMoApp::Outcome::kClosed);
+    EXPECT_TRUE(shown);
+    EXPECT_TRUE(m_sink.m_boxes.empty()) << m_sink.m_boxes.front().text;
+    EXPECT_FALSE(registeredBeforeWizard);
+    EXPECT_TRUE(ServiceRegistered());
+    uint32_t state = 0;
+    EXPECT_EQ(NtServiceStatus(kServiceName, state), 0);
+    EXPECT_EQ(state, kServiceRunning);
+
+    Config saved(m_folder.string());
+    saved.LoadAll();
+    EXPECT_TRUE(saved.m_wizard) << "the next start must not ask again";
+    EXPECT_EQ(saved.m_input, "Microphone (Test)");
+    EXPECT_EQ(saved.m_monitor, "Speakers");
+
+    std::ifstream log(m_folder / "larimocl.log");
+    const std::string text((std::istreambuf_iterator<char>(log)), std::istreambuf_iterator<char>());
+    EXPECT_NE(text.find("Show main dialog..."), std::string::npos) << "the log lies beside the program";
+
+    EXPECT_EQ(NtServiceStop(kServiceName), 0);
 }
 
 } // namespace

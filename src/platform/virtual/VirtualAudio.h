@@ -55,6 +55,9 @@ public:
     void InjectInput(int input, std::span<const uint8_t> bytes);
     /// Everything output device `output` has played since the last call.
     std::vector<uint8_t> TakePlayed(int output);
+    /// The open streams of output device `output` report one under-run more, as a sound server
+    /// reports a stream it had to play without data. Simulated time itself never runs them dry.
+    void SimulateUnderrun(int output);
     /// A device that is gone refuses to open and to play (kMmNoDriver).
     void SetDeviceGone(WaveDirection direction, int device, bool gone);
     void SetMixerTopology(int input, VirtualMixerTopology topology);
@@ -62,6 +65,9 @@ public:
     void ChangeVolumeExternally(int input, uint32_t controlId, uint32_t value);
     /// The virtual microphone cannot be made while refused.
     void SetVirtualMicrophoneRefused(bool refused);
+    /// While refused, the preferred (default) devices cannot be changed, as when the sound
+    /// server denies it.
+    void SetDefaultDeviceRefused(bool refused);
     /// How many wave devices of this direction are open now.
     int OpenCount(WaveDirection direction);
 
@@ -108,6 +114,7 @@ private:
     std::vector<Mixer*> m_openMixers;
     int m_preferred[2] = {0, 0};
     bool m_micRefused = false;
+    bool m_defaultRefused = false;
     uint64_t m_nowMicros = 0;
 
     double m_speed = 0.0;
