@@ -4,6 +4,11 @@
 //   larimo                       the panel
 //   larimo --screenshot FILE     starts as usual, saves the main window to FILE (PNG) once it
 //                                has settled, and ends; for demonstrations and documentation
+//
+// With LARIMO_REPORT_SHOWN=1 in the environment the panel writes one line to standard output
+// when its main window has first been painted: "larimo: main window shown <ns>", the time on
+// the system's monotonic clock (CLOCK_MONOTONIC) in nanoseconds. The start-up benchmark
+// waits for it.
 #include "LarimoDlg.h"
 #include "init.h"
 
@@ -11,9 +16,13 @@
 
 #include <QApplication>
 #include <QCommandLineParser>
+#include <QEvent>
 #include <QTimer>
 
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 namespace {
 
@@ -30,6 +39,35 @@ public:
         return (style & larimo::MB_TYPEMASK) == larimo::MB_OK ? larimo::IDOK : larimo::IDCANCEL;
     }
 };
+
+// Watches every widget's events until the main window's first paint, then reports once the
+// event loop comes back, when the painted window has reached the screen.
+class ShownReporter final : public QObject {
+public:
+    bool eventFilter(QObject* watched, QEvent* event) override
+    {
+        if (!m_reported && event->type() == QEvent::Paint && watched->inherits("larimo::CLarimoDlg")) {
+            m_reported = true;
+            QCoreApplication::instance()->removeEventFilter(this);
+            QTimer::singleShot(0, this, [] {
+                const auto now = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                    std::chrono::steady_clock::now().time_since_epoch());
+                std::printf("larimo: main window shown %lld\n", static_cast<long long>(now.count()));
+                std::fflush(stdout);
+            });
+        }
+        return false;
+    }
+
+private:
+    bool m_reported = false;
+};
+
+bool ReportShownWanted()
+{
+    const char* value = std::getenv("LARIMO_REPORT_SHOWN");
+    return value != nullptr && std::strcmp(value, "1") == 0;
+}
 
 } // namespace
 
@@ -49,6 +87,10 @@ int main(int argc, char** argv)
                                         QStringLiteral("file"));
     options.addOption(screenshot);
     options.process(application);
+
+    ShownReporter shownReporter;
+    if (ReportShownWanted())
+        application.installEventFilter(&shownReporter);
 
     larimo::CMoApp::Hooks hooks;
     PrintingSink printing;
