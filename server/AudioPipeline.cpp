@@ -30,9 +30,16 @@ constexpr uint32_t kSampleRate = 44100;
 constexpr uint32_t kMinBlockMs = 2;
 constexpr uint32_t kMaxBlockMs = 200;
 constexpr uint32_t kMaxBlockSamples = kMaxBlockMs * kSampleRate / 1000;
-// Buffers written ahead of the one playing: more only adds latency when the clocks of the
-// microphone and the virtual microphone drift apart, so the surplus is dropped instead.
-constexpr uint32_t kMaxOutputAhead = 3;
+// Buffers the output devices may hold when the next one is written. A device that hands its
+// buffers back as soon as the sound server has them holds at most one, keeping its own lead
+// (WaveBufferShape::leadBytes); one that returns them only once played (the simulated devices)
+// holds the one playing and the next. Beyond that a burst after a stall is dropped.
+constexpr uint32_t kMaxOutputQueued = 4;
+// Silence the output devices keep ahead of the newest block against a late block.
+constexpr uint32_t kOutputLeadMs = 12;
+// Under-runs this soon after resuming belong to the pause, not to the voice.
+constexpr uint32_t kResumeGraceMs = 50;
+constexpr int64_t kUnderrunLogEveryNs = 10'000'000'000;
 constexpr int64_t kMinStallNs = 1'000'000'000;
 constexpr int64_t kActiveTickNs = 20'000'000;
 constexpr int64_t kInUsePollActiveNs = 500'000'000;
@@ -132,6 +139,11 @@ struct Session {
     std::atomic<bool> lost{false};
     std::atomic<int64_t> lastInputNs{0};
     std::atomic<int> priorityError{-1};
+    // The audio thread's own: the device's under-run count last seen, blocks fed since the
+    // pipeline last paused, and how many of them still count as resuming.
+    uint64_t seenUnderruns = 0;
+    uint32_t fedBlocks = 0;
+    uint32_t graceBlocks = 0;
     // The backend's count of programs recording from the virtual microphone; null when it
     // cannot keep one and the control thread asks instead.
     std::shared_ptr<const std::atomic<int32_t>> recorders;
@@ -169,6 +181,7 @@ struct AudioPipeline::Control {
             CheckEffectFault();
             ManageIdle();
             ReapPlans();
+            LogUnderruns(false);
         }
         CloseSession();
         DrainAudioNews();
@@ -176,8 +189,26 @@ struct AudioPipeline::Control {
         m_latest.store(nullptr, std::memory_order_release);
         m_plans.clear();
         m_effect.reset();
-        LogInfo("AudioPipeline: stopped after %llu blocks, %llu dropped", static_cast<unsigned long long>(m_blocks.load()),
-                static_cast<unsigned long long>(m_outputDropped.load()));
+        LogInfo("AudioPipeline: stopped after %llu blocks, %llu dropped, %llu under-runs of the virtual microphone",
+                static_cast<unsigned long long>(m_blocks.load()),
+                static_cast<unsigned long long>(m_outputDropped.load()),
+                static_cast<unsigned long long>(m_underruns.load()));
+    }
+
+    // News of under-runs at most every few seconds, so a struggling machine does not also
+    // fill the log; `now` reports whatever is new at once.
+    void LogUnderruns(bool now)
+    {
+        const uint64_t count = m_underruns.load(std::memory_order_relaxed);
+        if (count == m_loggedUnderruns)
+            return;
+        const int64_t time = NowNs();
+        if (!now && time < m_nextUnderrunLogNs)
+            return;
+        LogWarning("AudioPipeline: the virtual microphone ran out of data %llu times (%llu since the last report)",
+                   static_cast<unsigned long long>(count), static_cast<unsigned long long>(count - m_loggedUnderruns));
+        m_loggedUnderruns = count;
+        m_nextUnderrunLogNs = time + kUnderrunLogEveryNs;
     }
 
     int64_t Tick() const
@@ -508,6 +539,7 @@ struct AudioPipeline::Control {
         auto session = std::make_unique<Session>();
         session->devices = devices;
         session->blockSamples = devices.blockMs * kSampleRate / 1000;
+        session->graceBlocks = std::max<uint32_t>(2, (kResumeGraceMs + devices.blockMs - 1) / devices.blockMs);
         session->queue = ThreadMessageQueue::Create();
         const uint32_t bytes = session->blockSamples * 2;
         StreamFormat format;
@@ -524,9 +556,10 @@ struct AudioPipeline::Control {
             session->queue->Unregister();
             return false;
         }
-        // The device holds only what keeps it playing; our own queue bound does the rest.
-        const uint32_t ahead = std::min(devices.outCount, kMaxOutputAhead);
-        result = backend->OpenWaveOut(output, format, {bytes, ahead}, session->queue->Id(), session->out);
+        // The device holds the newest block and a little lead, whatever the buffer counts allow:
+        // they bound the queue, and filling it would only delay the voice.
+        const WaveBufferShape outShape{bytes, 1, kOutputLeadMs * kSampleRate / 1000 * 2};
+        result = backend->OpenWaveOut(output, format, outShape, session->queue->Id(), session->out);
         if (result != kMmOk) {
             OpenFailure("the virtual microphone cannot be opened for playing (error " + std::to_string(result) + ")");
             session->in.reset();
@@ -534,8 +567,7 @@ struct AudioPipeline::Control {
             return false;
         }
         if (monitor != kNoDevice) {
-            result = backend->OpenWaveOut(monitor, format, {bytes, std::min(devices.monCount, kMaxOutputAhead)},
-                                          session->queue->Id(), session->monitor);
+            result = backend->OpenWaveOut(monitor, format, outShape, session->queue->Id(), session->monitor);
             if (result != kMmOk) {
                 LogWarning("AudioPipeline: the monitor device cannot be opened (error %u); listen-in stays silent",
                            result);
@@ -612,6 +644,7 @@ struct AudioPipeline::Control {
         }
         ShutDevices(*m_session);
         m_session.reset();
+        LogUnderruns(true);
         m_runningBlock.store(0, std::memory_order_relaxed);
         m_idle.store(false, std::memory_order_relaxed);
         m_loggedIdle = false;
@@ -710,7 +743,9 @@ struct AudioPipeline::Control {
         int16_t* samples = session.work.data();
         std::memcpy(samples, header.data, size_t{count} * 2);
 
-        if (IdleRT(session, plan)) {
+        const bool idle = IdleRT(session, plan);
+        CountUnderrunsRT(session, idle);
+        if (idle) {
             if (plan != nullptr)
                 MixSoundsRT(*plan, samples, count, false, *m_ended);
             return;
@@ -746,12 +781,29 @@ struct AudioPipeline::Control {
         return idle;
     }
 
+    // Counts the virtual microphone's under-runs, leaving out those of pausing: a paused
+    // pipeline lets the device run dry on purpose, and the sound server may tell so a little
+    // after processing resumed. RT call.
+    void CountUnderrunsRT(Session& session, bool idle) noexcept
+    {
+        if (idle)
+            session.fedBlocks = 0;
+        else if (session.fedBlocks <= session.graceBlocks)
+            ++session.fedBlocks;
+        const uint64_t seen = session.out->Underruns();
+        if (seen == session.seenUnderruns)
+            return;
+        if (session.fedBlocks > session.graceBlocks)
+            m_underruns.fetch_add(seen - session.seenUnderruns, std::memory_order_relaxed);
+        session.seenUnderruns = seen;
+    }
+
     // Queues one block; `scale` gives the listen-in volume. False when the device is gone.
     // RT call.
     bool WriteRT(WaveOutDevice& device, BufferPool& pool, const int16_t* samples, uint32_t count,
                  const MixPlan* scale) noexcept
     {
-        WaveHeader* header = pool.TakeRT(kMaxOutputAhead + 1);
+        WaveHeader* header = pool.TakeRT(kMaxOutputQueued);
         if (header == nullptr) {
             if (scale == nullptr)
                 m_outputDropped.fetch_add(1, std::memory_order_relaxed);
@@ -787,6 +839,8 @@ struct AudioPipeline::Control {
     bool m_outage = false;
     bool m_loggedIdle = false;
     std::string m_lastOpenFailure;
+    uint64_t m_loggedUnderruns = 0;
+    int64_t m_nextUnderrunLogNs = 0;
 
     // Between the threads.
     std::atomic<MixPlan*> m_latest{nullptr};
@@ -797,6 +851,7 @@ struct AudioPipeline::Control {
     std::atomic<uint64_t> m_blocks{0};
     std::atomic<uint64_t> m_outputDropped{0};
     std::atomic<uint64_t> m_traceDropped{0};
+    std::atomic<uint64_t> m_underruns{0};
     std::atomic<uint64_t> m_sessions{0};
     std::atomic<uint32_t> m_runningBlock{0};
 
@@ -845,6 +900,7 @@ AudioPipeline::Stats AudioPipeline::GetStats() const
     stats.blocks = control.m_blocks.load(std::memory_order_relaxed);
     stats.outputDropped = control.m_outputDropped.load(std::memory_order_relaxed);
     stats.traceDropped = control.m_traceDropped.load(std::memory_order_relaxed);
+    stats.underruns = control.m_underruns.load(std::memory_order_relaxed);
     stats.sessions = control.m_sessions.load(std::memory_order_relaxed);
     stats.idle = control.m_idle.load(std::memory_order_relaxed);
     stats.blockSamples = control.m_runningBlock.load(std::memory_order_relaxed);

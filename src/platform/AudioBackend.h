@@ -68,6 +68,12 @@ constexpr uint16_t kStreamFormatPcm = 1;
 struct WaveBufferShape {
     uint32_t bufferBytes = 0;
     uint32_t bufferCount = 0;
+    /// Playback only: silence the device keeps ahead of the first buffer, and puts back after
+    /// every under-run, so a writer that hands over one buffer per period, a little late now
+    /// and then, never leaves it without data. Where the backend can tell, what waits ahead of a
+    /// new buffer is also held near the lead: a surplus is skipped, not played late. 0: none;
+    /// the device starts with one buffer and plays everything.
+    uint32_t leadBytes = 0;
 };
 
 /// 0 = playback (render), 1 = recording (capture), as device lists number them.
@@ -109,6 +115,9 @@ public:
     virtual unsigned Reset() = 0;
     /// kWaveErrStillPlaying while buffers are queued; after success the device is gone.
     virtual unsigned Close() = 0;
+    /// Times the device ran out of data while playing, since it was opened; 0 where the
+    /// backend cannot tell. Wait-free, any thread. RT call.
+    virtual uint64_t Underruns() const { return 0; }
 };
 
 enum class MixerComponent { DstSpeakers, DstWaveIn, SrcMicrophone, SrcLine, SrcOther };

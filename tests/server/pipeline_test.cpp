@@ -444,6 +444,34 @@ TEST_F(PipelineTest, FollowsTheBackendsRecorderCountWithoutAsking)
     EXPECT_EQ(counting->asked.load(), 0) << "the backend was asked although it counts";
 }
 
+// Under-runs of the virtual microphone count while the voice flows; those of a pause, when the
+// pipeline stops feeding it on purpose, do not.
+TEST_F(PipelineTest, CountsUnderrunsOnlyWhileTheVirtualMicrophoneIsFed)
+{
+    auto counting = std::make_shared<CountingAudio>(m_audio);
+    SetAudioBackend(counting);
+    counting->count->store(1);
+    StartPipeline(true);
+    Played(kBlock * 10);
+    m_audio->SimulateUnderrun(kVirtualOut);
+    m_audio->SimulateUnderrun(kVirtualOut);
+    EXPECT_TRUE(Eventually([this] { return m_pipeline->GetStats().underruns == 2; }));
+
+    counting->count->store(0);
+    ASSERT_TRUE(Eventually([this] { return m_pipeline->GetStats().idle; }));
+    m_audio->SimulateUnderrun(kVirtualOut);
+    // Two more blocks: the audio thread has looked at the device since.
+    const uint64_t blocks = m_pipeline->GetStats().blocks;
+    ASSERT_TRUE(Eventually([&] { return m_pipeline->GetStats().blocks >= blocks + 2; }));
+    counting->count->store(1);
+    ASSERT_TRUE(Eventually([this] { return !m_pipeline->GetStats().idle; }));
+    Played(kBlock * 10);
+    EXPECT_EQ(m_pipeline->GetStats().underruns, 2u) << "counted the under-run of the pause";
+
+    m_audio->SimulateUnderrun(kVirtualOut);
+    EXPECT_TRUE(Eventually([this] { return m_pipeline->GetStats().underruns == 3; }));
+}
+
 TEST_F(PipelineTest, ComesBackAfterTheVirtualMicrophoneWentAway)
 {
     StartPipeline();

@@ -11,10 +11,15 @@
 #include <atomic>
 #include <cstring>
 #include <deque>
+#include <vector>
 
 namespace larimo {
 
 namespace {
+
+// How far what waits ahead of the sink may exceed the lead before the surplus is skipped:
+// enough that the ordinary jitter of arriving buffers never costs a skip.
+constexpr uint32_t kTrimSlackMs = 6;
 
 bool ToSampleSpec(const StreamFormat& format, pa_sample_spec& sampleSpec)
 {
@@ -222,7 +227,13 @@ public:
         attr.tlength = static_cast<uint32_t>(-1);
         attr.prebuf = static_cast<uint32_t>(-1);
         attr.minreq = static_cast<uint32_t>(-1);
-        attr.fragsize = std::max<uint32_t>(shape.bufferBytes, format.blockAlign);
+        // The server gathers a fragment before it sends one, and its source runs that far
+        // behind: a whole buffer would hold data back by up to two buffers. Quarters cost a few
+        // more wake-ups and cut that to little more than the buffer itself.
+        const uint32_t align = std::max<uint16_t>(format.blockAlign, 1);
+        const uint32_t buffer = std::max<uint32_t>(shape.bufferBytes, align);
+        const uint32_t floor = format.avgBytesPerSec / 200 / align * align; // 5 ms
+        attr.fragsize = std::min(buffer, std::max({buffer / 4 / align * align, floor, align}));
         const auto flags = static_cast<pa_stream_flags_t>(PA_STREAM_ADJUST_LATENCY | PA_STREAM_START_CORKED);
         if (pa_stream_connect_record(m_stream, source.empty() ? nullptr : source.c_str(), &attr, flags) < 0 ||
             !m_context->WaitStreamReadyLocked(m_stream))
@@ -324,21 +335,36 @@ public:
         pa_stream_set_write_callback(
             m_stream, [](pa_stream*, size_t bytes, void* self) { static_cast<PulseWaveOut*>(self)->FeedLocked(bytes); },
             this);
-        const uint32_t buffer = std::max<uint32_t>(shape.bufferBytes, format.blockAlign);
+        pa_stream_set_underflow_callback(
+            m_stream, [](pa_stream*, void* self) { static_cast<PulseWaveOut*>(self)->OnUnderflowLocked(); }, this);
+        const uint32_t align = std::max<uint16_t>(format.blockAlign, 1);
+        const uint32_t buffer = std::max<uint32_t>(shape.bufferBytes, align);
+        const uint32_t lead = shape.leadBytes / align * align;
         pa_buffer_attr attr{};
         attr.maxlength = static_cast<uint32_t>(-1);
-        attr.tlength = buffer * std::max<uint32_t>(shape.bufferCount, 1);
-        attr.prebuf = buffer;
-        attr.minreq = buffer;
+        // The server holds the buffers written ahead plus the lead; anything beyond waits here.
+        attr.tlength = buffer * std::max<uint32_t>(shape.bufferCount, 1) + lead;
+        attr.prebuf = buffer + lead;
+        // With a lead the rest of a buffer that did not fit must follow soon, not a buffer later.
+        attr.minreq = lead == 0 ? buffer : std::max(align, std::min(buffer, lead) / 2 / align * align);
         attr.fragsize = static_cast<uint32_t>(-1);
         m_prebuf = buffer;
+        m_lead.assign(lead, format.bitsPerSample == 8 ? char(0x80) : char(0));
+        m_align = align;
+        m_bytesPerSecond = format.avgBytesPerSec;
+        m_slack = kTrimSlackMs * format.avgBytesPerSec / 1000 / align * align;
+        m_leadDue = lead > 0;
         if (!CreateWakeLocked([](pa_mainloop_api*, pa_io_event*, int fd, pa_io_event_flags_t, void* self) {
                 uint64_t count = 0;
                 [[maybe_unused]] const ssize_t got = read(fd, &count, sizeof count);
                 static_cast<PulseWaveOut*>(self)->PumpLocked();
             }, this))
             return kMmNoMem;
-        if (pa_stream_connect_playback(m_stream, sink.empty() ? nullptr : sink.c_str(), &attr, PA_STREAM_ADJUST_LATENCY,
+        // With a lead, the server's clock tells how much waits ahead of the sink (TrimLocked).
+        const auto flags = static_cast<pa_stream_flags_t>(
+            PA_STREAM_ADJUST_LATENCY |
+            (lead == 0 ? PA_STREAM_NOFLAGS : PA_STREAM_AUTO_TIMING_UPDATE | PA_STREAM_INTERPOLATE_TIMING));
+        if (pa_stream_connect_playback(m_stream, sink.empty() ? nullptr : sink.c_str(), &attr, flags,
                                        nullptr, nullptr) < 0 ||
             !m_context->WaitStreamReadyLocked(m_stream))
             return kMmNoDriver;
@@ -370,8 +396,12 @@ public:
         }
         m_queue.clear();
         m_fill = 0;
+        // The flushed stream waits for its start threshold again.
+        m_leadDue = !m_lead.empty();
         return kMmOk;
     }
+
+    uint64_t Underruns() const override { return m_underruns.load(std::memory_order_relaxed); }
 
     unsigned Close() override
     {
@@ -383,9 +413,15 @@ public:
 private:
     void PumpLocked()
     {
+        uint64_t before = 0;
+        for (WaveHeader* header : m_queue)
+            before += header->bufferLength;
+        before -= m_fill;
         const uint32_t shortest = TakeHandedLocked();
         if (!Alive())
             return;
+        if (shortest != UINT32_MAX && !m_lead.empty())
+            TrimLocked(before);
         const size_t writable = pa_stream_writable_size(m_stream);
         if (writable != static_cast<size_t>(-1))
             FeedLocked(writable);
@@ -394,9 +430,50 @@ private:
             PulseOperation(pa_stream_trigger(m_stream, nullptr, nullptr));
     }
 
+    // Keeps what is queued ahead of newly handed buffers near the lead. Whatever was queued
+    // beyond it (a burst after a stall, a microphone clock running fast, a lead put back after
+    // an under-run while the rest was still on its way) would delay the voice for good, so the
+    // oldest data not yet written is skipped down to the lead.
+    void TrimLocked(uint64_t clientAhead)
+    {
+        pa_usec_t latency = 0;
+        int negative = 0;
+        if (pa_stream_get_latency(m_stream, &latency, &negative) != 0 || negative != 0)
+            return;
+        const uint64_t ahead = latency * m_bytesPerSecond / 1'000'000 + clientAhead;
+        if (ahead <= m_lead.size() + m_slack)
+            return;
+        uint64_t excess = (ahead - m_lead.size()) / m_align * m_align;
+        while (excess > 0 && !m_queue.empty()) {
+            WaveHeader* header = m_queue.front();
+            const auto take = static_cast<uint32_t>(std::min<uint64_t>(header->bufferLength - m_fill, excess));
+            m_fill += take;
+            excess -= take;
+            if (m_fill >= header->bufferLength) {
+                m_queue.pop_front();
+                m_fill = 0;
+                MarkReturned(*header);
+                m_target->Post(kMsgWaveOutDone, header);
+            }
+        }
+    }
+
+    void OnUnderflowLocked()
+    {
+        m_underruns.fetch_add(1, std::memory_order_relaxed);
+        // Played dry, the stream waits for its start threshold: the lead goes in first again.
+        m_leadDue = !m_lead.empty();
+    }
+
     void FeedLocked(size_t bytes)
     {
         TakeHandedLocked();
+        if (m_leadDue && !m_queue.empty()) {
+            if (pa_stream_write(m_stream, m_lead.data(), m_lead.size(), nullptr, 0, PA_SEEK_RELATIVE) < 0)
+                return;
+            m_leadDue = false;
+            bytes -= std::min(bytes, m_lead.size());
+        }
         while (bytes > 0 && !m_queue.empty()) {
             WaveHeader* header = m_queue.front();
             const auto take = static_cast<uint32_t>(std::min<size_t>(header->bufferLength - m_fill, bytes));
@@ -414,6 +491,12 @@ private:
     }
 
     uint32_t m_prebuf = 0;
+    std::vector<char> m_lead;
+    uint32_t m_slack = 0;
+    uint32_t m_align = 1;
+    uint64_t m_bytesPerSecond = 0;
+    bool m_leadDue = false;
+    std::atomic<uint64_t> m_underruns{0};
 };
 
 } // namespace

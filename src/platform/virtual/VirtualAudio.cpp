@@ -36,6 +36,7 @@ struct VirtualAudio::Stream {
     uint64_t startMicros = 0;
     uint64_t doneSamples = 0;
     uint32_t fill = 0;
+    std::atomic<uint64_t> underruns{0};
 };
 
 struct VirtualAudio::MixerState {
@@ -145,6 +146,8 @@ public:
         std::lock_guard lock(m_owner->m_mutex);
         return m_stream->queue.empty() ? kMmOk : kWaveErrStillPlaying;
     }
+
+    uint64_t Underruns() const override { return m_stream->underruns.load(std::memory_order_relaxed); }
 
 private:
     std::shared_ptr<VirtualAudio> m_owner;
@@ -470,6 +473,15 @@ void VirtualAudio::RunStream(Stream& stream)
             header->flags.fetch_and(~kWhdrInQueue);
             stream.target->Post(kMsgWaveInData, header);
         }
+    }
+}
+
+void VirtualAudio::SimulateUnderrun(int output)
+{
+    std::lock_guard lock(m_mutex);
+    for (Stream* stream : m_streams) {
+        if (stream->direction == WaveDirection::Render && stream->device == output)
+            stream->underruns.fetch_add(1, std::memory_order_relaxed);
     }
 }
 

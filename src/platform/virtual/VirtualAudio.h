@@ -55,6 +55,9 @@ public:
     void InjectInput(int input, std::span<const uint8_t> bytes);
     /// Everything output device `output` has played since the last call.
     std::vector<uint8_t> TakePlayed(int output);
+    /// The open streams of output device `output` report one under-run more, as a sound server
+    /// reports a stream it had to play without data. Simulated time itself never runs them dry.
+    void SimulateUnderrun(int output);
     /// A device that is gone refuses to open and to play (kMmNoDriver).
     void SetDeviceGone(WaveDirection direction, int device, bool gone);
     void SetMixerTopology(int input, VirtualMixerTopology topology);
