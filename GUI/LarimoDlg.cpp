@@ -803,11 +803,18 @@ void CLarimoDlg::RegisterHotKeys(const std::array<uint64_t, kShortcutCount>& sho
 {
     UnregisterHotKeys();
     m_activeHotKeys = 0;
+    int wanted = 0;
     for (int i = 0; i < kShortcutCount; ++i) {
         const uint64_t shortcut = shortcuts[static_cast<size_t>(i)];
-        if (ShortcutKey(shortcut) != 0 && m_hotKeys->Register(i, ShortcutKey(shortcut), ShortcutModifiers(shortcut)))
+        if (ShortcutKey(shortcut) == 0)
+            continue;
+        ++wanted;
+        if (m_hotKeys->Register(i, ShortcutKey(shortcut), ShortcutModifiers(shortcut)))
             ++m_activeHotKeys;
     }
+    if (wanted > 0)
+        LogInfo("CLarimoDlg::RegisterHotKeys: %d of %d hot keys active (%s)", m_activeHotKeys, wanted,
+                m_hotKeys->BackendName().c_str());
 }
 
 void CLarimoDlg::UnregisterHotKeys()
@@ -898,6 +905,7 @@ void CLarimoDlg::MinimizeToTray()
         showMinimized();
         return;
     }
+    LogInfo("CLarimoDlg: minimised to the tray");
     m_tray->show();
     showMinimized();
     hide();
@@ -905,11 +913,14 @@ void CLarimoDlg::MinimizeToTray()
 
 void CLarimoDlg::RestoreFromTray()
 {
+    LogInfo("CLarimoDlg: restored from the tray");
     if (m_tray)
         m_tray->hide();
     RefreshRadioGroups();
+    // Out of the minimised state before the window is mapped again: mapped while minimised, it
+    // asks to stay iconic and would go straight back into the tray.
+    setWindowState(windowState() & ~Qt::WindowMinimized);
     show();
-    setWindowState((windowState() & ~Qt::WindowMinimized) | Qt::WindowActive);
     raise();
     activateWindow();
 }

@@ -142,10 +142,14 @@ CMoApp::Outcome CMoApp::InitInstance()
     if (!dialog.OnInitDialog())
         return Outcome::kSkinFailed;
     SetMessageDefaults(&dialog, nullptr);
+    // Not QDialog::exec: that returns as soon as the window is hidden, and the panel hides
+    // into the tray. It ends when its Exit finishes the dialog.
+    QEventLoop loop;
+    QObject::connect(&dialog, &QDialog::finished, &loop, &QEventLoop::quit);
     dialog.show();
     if (m_hooks.mainWindowShown)
         QMetaObject::invokeMethod(&dialog, [&] { m_hooks.mainWindowShown(dialog); }, Qt::QueuedConnection);
-    dialog.exec();
+    loop.exec();
     SetMessageDefaults(nullptr, nullptr);
     return Outcome::kClosed;
 }

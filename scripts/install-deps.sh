@@ -25,8 +25,9 @@ packages=(
   libpulse-dev pulseaudio pulseaudio-utils
   # the control panel and its skins (Qt 6 Widgets); Xvfb for tests of the shown window
   qt6-base-dev qt6-base-dev-tools libgl-dev xvfb xauth fonts-dejavu-core
-  # the panel's global hot keys (xcb key grabs); pressing keys and screenshots in its tests
-  libxcb1-dev libxcb-keysyms1-dev xdotool imagemagick
+  # the panel's global hot keys (xcb key grabs); pressing keys, window states, keyboard layouts
+  # and screenshots in its tests
+  libxcb1-dev libxcb-keysyms1-dev xdotool x11-utils x11-xkb-utils imagemagick
   # a private session bus for the tests of the Wayland hot keys (desktop portal)
   dbus-daemon
 )

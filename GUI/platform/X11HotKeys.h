@@ -28,16 +28,28 @@ public:
     bool nativeEventFilter(const QByteArray& eventType, void* message, qintptr* result) override;
 
 private:
+    struct Registration {
+        int id;
+        uint32_t virtualKey;
+        uint32_t modifiers;
+    };
     struct Grab {
         int id;
         uint8_t keycode;
         uint16_t modifiers;
     };
+    bool GrabKey(const Registration& registration);
     void Ungrab(const Grab& grab);
+    void UngrabAll();
+    void OnKeyboardMappingChanged();
 
     xcb_connection_t* m_connection = nullptr;
     _XCBKeySymbols* m_symbols = nullptr;
     uint32_t m_root = 0;
+    uint8_t m_xkbFirstEvent = 0; // 0 when the server has no XKB
+    bool m_remapPending = false;
+    // What the panel asked for, kept to grab again when the keyboard mapping changes.
+    std::vector<Registration> m_registrations;
     std::vector<Grab> m_grabs;
 };
 
