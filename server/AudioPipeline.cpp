@@ -167,15 +167,21 @@ struct AudioPipeline::Control {
         LogInfo("AudioPipeline: control thread started");
         for (;;) {
             std::shared_ptr<const ServiceState> state;
+            uint64_t taken = 0;
             {
                 std::unique_lock lock(m_mutex);
                 m_wake.wait_for(lock, std::chrono::nanoseconds(Tick()), [this] { return m_quit || m_pending; });
                 if (m_quit)
                     break;
                 state = std::move(m_pending);
+                taken = m_published;
             }
-            if (state)
+            if (state) {
                 TakeState(std::move(state));
+                std::lock_guard lock(m_mutex);
+                m_applied = taken;
+                m_appliedWake.notify_all();
+            }
             ManageSession();
             DrainAudioNews();
             CheckEffectFault();
@@ -823,6 +829,10 @@ struct AudioPipeline::Control {
     std::condition_variable m_wake;
     bool m_quit = false;
     std::shared_ptr<const ServiceState> m_pending;
+    // How many states were handed over, and how many of them the control thread has acted on.
+    uint64_t m_published = 0;
+    uint64_t m_applied = 0;
+    std::condition_variable m_appliedWake;
     std::thread m_thread;
 
     // Control thread.
@@ -876,9 +886,19 @@ void AudioPipeline::Apply(std::shared_ptr<const ServiceState> state)
     if (control.m_quit)
         return;
     control.m_pending = std::move(state);
+    ++control.m_published;
     if (!control.m_thread.joinable())
         control.m_thread = std::thread([&control] { control.Run(); });
     control.m_wake.notify_one();
+}
+
+bool AudioPipeline::WaitApplied(uint32_t timeoutMs)
+{
+    Control& control = *m_control;
+    std::unique_lock lock(control.m_mutex);
+    return control.m_appliedWake.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&control] {
+        return control.m_quit || control.m_applied >= control.m_published;
+    });
 }
 
 void AudioPipeline::Stop()
@@ -888,6 +908,7 @@ void AudioPipeline::Stop()
         std::lock_guard lock(control.m_mutex);
         control.m_quit = true;
         control.m_wake.notify_one();
+        control.m_appliedWake.notify_all();
     }
     if (control.m_thread.joinable())
         control.m_thread.join();

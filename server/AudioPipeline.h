@@ -58,6 +58,9 @@ public:
     /// Takes a new state; the first one starts the pipeline. Never blocks for long: the work
     /// happens on the control thread. Any thread except the audio thread.
     void Apply(std::shared_ptr<const ServiceState> state) override;
+    /// The control thread has built the plan of the newest state: its voice effect and sounds
+    /// are loaded or their errors reported. Any thread except the pipeline's own.
+    bool WaitApplied(uint32_t timeoutMs) override;
 
     /// Closes the devices and ends both threads. Any thread except the pipeline's own.
     void Stop();

@@ -2,12 +2,16 @@
 #include "LarimoServer.h"
 
 #include "mlog.h"
+#include "moipc_cmds.h"
 
 #include <cstring>
 
 namespace larimo {
 
 namespace {
+
+// How long a question for the errors list waits for the pipeline to load what was chosen last.
+constexpr uint32_t kErrorsWaitMs = 2000;
 
 // Creates a mutex owned by the calling thread. If a client still holds a handle, the mutex
 // exists already; it is then free (its old owner ended) and is taken over by a wait.
@@ -156,6 +160,13 @@ void LarimoServer::ServeRequest()
                                "): its size passes the message area");
         result.valid = false;
     } else {
+        if (code == kCmdSrvGetErrors && m_sink != nullptr) {
+            // Effects and sounds load on the pipeline's own thread. Asked for errors right after
+            // choosing a broken plug-in, the panel must hear of it now, not at its next question.
+            if (!m_sink->WaitApplied(kErrorsWaitMs))
+                LogWarning("The audio pipeline is still loading; errors may follow later");
+            TakePipelineNews();
+        }
         // Copy first: the payload and the answer share the data area.
         const std::vector<uint8_t> payload(view + kIpcDataOffset, view + kIpcDataOffset + size);
         result = m_dispatcher->Handle(code, payload);

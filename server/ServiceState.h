@@ -50,6 +50,13 @@ class StateSink {
 public:
     virtual ~StateSink() = default;
     virtual void Apply(std::shared_ptr<const ServiceState> state) = 0;
+    /// Waits at most `timeoutMs` until the newest state handed to Apply has been acted on, so
+    /// that what it failed to load is already reported. False when the time ran out.
+    virtual bool WaitApplied(uint32_t timeoutMs)
+    {
+        (void)timeoutMs;
+        return true;
+    }
 };
 
 /// Reads the service's state from "config.ini" and "voiceeffects.ini" under `dataRoot`.

@@ -374,6 +374,37 @@ TEST_F(LarimoDlgTest, AMissingSkinObjectEndsTheWindowWithOneSkinError)
 namespace larimo {
 namespace {
 
+TEST_F(LarimoDlgTest, ABrokenEffectsErrorIsShownOnceRightAfterChoosingIt)
+{
+    std::ofstream(m_service.Folder() / "voiceeffects.ini")
+        << "[sys]\nnumEffects=2\n\n[eff_0]\nvst=Robot\nname=Robot\nnumParams=0\n\n"
+           "[eff_1]\nvst=NoSuchPlugin\nname=Broken\nnumParams=0\n";
+    ASSERT_TRUE(m_service.Start());
+    CLarimoDlg& dialog = Open();
+    ASSERT_TRUE(WaitConnected(true));
+    dialog.OnHotKey(kScVoiceEffect1);
+    ASSERT_EQ(Saved().m_activeEffect, 0);
+    m_sink.m_boxes.clear();
+
+    dialog.SetMenuRunner([](QMenu& menu, const QPoint&) -> QAction* {
+        for (QAction* action : menu.actions()) {
+            if (action->text() == "Broken")
+                return action;
+        }
+        return nullptr;
+    });
+    dialog.ConfigEffect(0);
+    ASSERT_EQ(m_sink.m_boxes.size(), 1u) << "the active slot's new plug-in failed to load";
+    EXPECT_NE(m_sink.m_boxes[0].text.find("Error loading VST plug-in"), std::string::npos) << m_sink.m_boxes[0].text;
+    EXPECT_NE(m_sink.m_boxes[0].text.find("NoSuchPlugin"), std::string::npos);
+    EXPECT_EQ(m_sink.m_boxes[0].style & MB_ICONMASK, MB_ICONERROR);
+
+    dialog.ShowServiceErrors();
+    dialog.ConfigSound(0);
+    EXPECT_EQ(m_sink.m_boxes.size(), 1u) << "an error is shown once";
+    EXPECT_FALSE(Pump(300, [&] { return !dialog.IsConnected(); })) << "a broken plug-in never ends the service";
+}
+
 TEST_F(LarimoDlgTest, HelpOpensTheTopicPageOfTheSettingsLanguage)
 {
     CLarimoDlg& dialog = Open();
