@@ -2,6 +2,7 @@
 #include "sharemem.h"
 
 #include "mlog.h"
+#include "StringTable.h"
 #include "texts.h"
 
 #include <cstring>
@@ -11,8 +12,11 @@ namespace larimo {
 std::string ShmErrorText(int error)
 {
     switch (error) {
-    case kShmSuccess:
-        return GetText(120);
+    case kShmSuccess: {
+        // Programs that never start the texts (the service, larimoctl) log the English word.
+        const std::string& text = GetText(120);
+        return text == kTextNotFound ? StringTableText(120) : text;
+    }
     case kShmCreateFile:
         return "Error of create shared memory file";
     case kShmOpenFile:
