@@ -41,7 +41,12 @@ constexpr uint32_t kOutputLeadMs = 12;
 constexpr uint32_t kResumeGraceMs = 50;
 constexpr int64_t kUnderrunLogEveryNs = 10'000'000'000;
 constexpr int64_t kMinStallNs = 1'000'000'000;
+// Some sources take a while to send their first data (a Bluetooth headset switching profile,
+// a monitor of a sink that ran with a long latency until now); reopening then only starts the
+// wait again.
+constexpr int64_t kFirstInputStallNs = 5'000'000'000;
 constexpr int64_t kActiveTickNs = 20'000'000;
+constexpr int64_t kIdleTickNs = 100'000'000;
 constexpr int64_t kInUsePollActiveNs = 500'000'000;
 
 struct TraceBlock {
@@ -138,6 +143,7 @@ struct Session {
     std::thread audio;
     std::atomic<bool> lost{false};
     std::atomic<int64_t> lastInputNs{0};
+    int64_t openedNs = 0;
     std::atomic<int> priorityError{-1};
     // The audio thread's own: the device's under-run count last seen, blocks fed since the
     // pipeline last paused, and how many of them still count as resuming.
@@ -186,6 +192,7 @@ struct AudioPipeline::Control {
             DrainAudioNews();
             CheckEffectFault();
             ManageIdle();
+            HintRecording();
             ReapPlans();
             LogUnderruns(false);
         }
@@ -223,6 +230,9 @@ struct AudioPipeline::Control {
         // backend that counts recorders itself needs no asking; the audio thread reads it.
         if (m_session && !m_session->recorders && m_idle.load(std::memory_order_relaxed))
             return int64_t{m_session->devices.blockMs} * 1'000'000;
+        // Otherwise, paused, there is nothing to pass on: an idle service wakes seldom.
+        if (m_session && m_idle.load(std::memory_order_relaxed))
+            return kIdleTickNs;
         return kActiveTickNs;
     }
 
@@ -453,9 +463,12 @@ struct AudioPipeline::Control {
             return;
         const int64_t now = NowNs();
         if (m_session) {
-            const int64_t stall = std::max<int64_t>(kMinStallNs, int64_t{m_session->devices.blockMs} * 10'000'000);
+            const int64_t lastInput = m_session->lastInputNs.load(std::memory_order_acquire);
+            const int64_t stall = lastInput == m_session->openedNs
+                                      ? kFirstInputStallNs
+                                      : std::max<int64_t>(kMinStallNs, int64_t{m_session->devices.blockMs} * 10'000'000);
             const bool lost = m_session->lost.load(std::memory_order_acquire);
-            if (!lost && now - m_session->lastInputNs.load(std::memory_order_acquire) < stall)
+            if (!lost && now - lastInput < stall)
                 return;
             LogError("AudioPipeline: the sound devices stopped (%s); the service goes on and reconnects",
                      lost ? "a device went away" : "no recorded data arrives");
@@ -497,11 +510,21 @@ struct AudioPipeline::Control {
         if (preferred < 0 || static_cast<size_t>(preferred) >= names.size() ||
             !IsVirtualMicName(names[static_cast<size_t>(preferred)]))
             return -1;
+        // The first microphone or line then; a monitor only where there is nothing else, since
+        // it hears speakers, not a voice.
+        int monitor = kNoDevice;
         for (size_t i = 0; i < names.size(); ++i) {
-            if (!IsVirtualMicName(names[i]))
+            if (IsVirtualMicName(names[i]))
+                continue;
+            if (!backend.IsMonitorDevice(static_cast<int>(i))) {
+                LogInfo("AudioPipeline: the default recording device is the virtual microphone itself; "
+                        "recording from \"%s\" instead", names[i].c_str());
                 return static_cast<int>(i);
+            }
+            if (monitor == kNoDevice)
+                monitor = static_cast<int>(i);
         }
-        return kNoDevice;
+        return monitor;
     }
 
     int ResolveMonitor(AudioBackend& backend, const std::string& name)
@@ -601,7 +624,8 @@ struct AudioPipeline::Control {
 
         if (m_options.idleWhenUnused)
             session->recorders = backend->WatchVirtualMicrophone();
-        session->lastInputNs.store(NowNs());
+        session->openedNs = NowNs();
+        session->lastInputNs.store(session->openedNs);
         Session* raw = session.get();
         m_session = std::move(session);
         m_session->audio = std::thread([this, raw] { AudioThread(*raw); });
@@ -654,6 +678,7 @@ struct AudioPipeline::Control {
         m_runningBlock.store(0, std::memory_order_relaxed);
         m_idle.store(false, std::memory_order_relaxed);
         m_loggedIdle = false;
+        m_hintedIdle = false;
         AdoptWithoutAudio();
     }
 
@@ -688,6 +713,18 @@ struct AudioPipeline::Control {
         if (!CurrentAudioBackend()->VirtualMicrophoneInUse(inUse))
             inUse = true;
         SetIdle(!inUse);
+    }
+
+    // Paused, the recording need not wake the audio thread as often.
+    void HintRecording()
+    {
+        if (!m_session || !m_session->in)
+            return;
+        const bool idle = m_idle.load(std::memory_order_relaxed);
+        if (idle == m_hintedIdle)
+            return;
+        m_hintedIdle = idle;
+        m_session->in->SetIdle(idle);
     }
 
     void SetIdle(bool idle)
@@ -848,6 +885,7 @@ struct AudioPipeline::Control {
     int64_t m_inUsePollNs = 0;
     bool m_outage = false;
     bool m_loggedIdle = false;
+    bool m_hintedIdle = false; // what the recording device was last told
     std::string m_lastOpenFailure;
     uint64_t m_loggedUnderruns = 0;
     int64_t m_nextUnderrunLogNs = 0;

@@ -95,6 +95,10 @@ public:
     virtual unsigned UnprepareHeader(WaveHeader& header) { return UnprepareWaveHeader(header); }
     virtual unsigned AddBuffer(WaveHeader& header) = 0;
     virtual unsigned Start() = 0;
+    /// A hint that nobody needs the recording promptly for now: the device may gather larger
+    /// pieces and wake its reader less often, though never later than one buffer. Recording
+    /// goes on either way. Not on the reader's real-time thread.
+    virtual void SetIdle(bool idle) { (void)idle; }
     /// Stops recording and hands every queued buffer back.
     virtual unsigned Reset() = 0;
     /// kWaveErrStillPlaying while buffers are queued; after success the device is gone.
@@ -196,6 +200,13 @@ public:
     virtual bool SetDefaultEndpoint(WaveDirection direction, const std::string& serverName) = 0;
     virtual int PreferredWaveDevice(WaveDirection direction) = 0;
     virtual unsigned SetPreferredWaveDevice(WaveDirection direction, int device) = 0;
+    /// Whether recording device `device` hears what a playback device plays (a monitor)
+    /// rather than a microphone or a line.
+    virtual bool IsMonitorDevice(int device)
+    {
+        (void)device;
+        return false;
+    }
 
     /// The mixer of a wave device.
     virtual unsigned GetMixerId(int device, WaveDirection direction, unsigned& mixerId) = 0;

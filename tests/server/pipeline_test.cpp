@@ -339,6 +339,8 @@ TEST_F(PipelineTest, PausesWhileNobodyRecordsAndResumesWhenSomeoneDoes)
     ASSERT_TRUE(Eventually([this] { return m_pipeline->GetStats().idle; }));
     m_audio->TakePlayed(kVirtualOut);
     EXPECT_TRUE(Played(kBlock * 5).empty()) << "the virtual microphone was fed while nobody recorded";
+    EXPECT_TRUE(Eventually([this] { return m_audio->RecordingHintedIdle(kMic); }))
+        << "the microphone may wake the service less often meanwhile";
 
     // A program starts recording from the virtual microphone.
     auto queue = ThreadMessageQueue::Create();
@@ -348,6 +350,7 @@ TEST_F(PipelineTest, PausesWhileNobodyRecordsAndResumesWhenSomeoneDoes)
     ASSERT_EQ(recorder->Start(), kMmOk);
     ASSERT_TRUE(Eventually([this] { return !m_pipeline->GetStats().idle; }));
     EXPECT_GE(Played(kBlock * 5).size(), kBlock * 5);
+    EXPECT_TRUE(Eventually([this] { return !m_audio->RecordingHintedIdle(kMic); }));
     recorder->Reset();
     recorder->Close();
     queue->Unregister();

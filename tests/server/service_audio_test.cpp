@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -146,6 +147,12 @@ protected:
     void Start()
     {
         ASSERT_TRUE(m_service.Start());
+        // The fake microphone is a null sink's monitor, which can take a second or two to send
+        // its first data; measure once the voice flows.
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (!m_toneModule.empty() && std::chrono::steady_clock::now() < end &&
+               Rms(Record("larimo_mic_source", 0.5)) < 300) {
+        }
     }
 
     void Tone(int hz)
@@ -167,6 +174,20 @@ protected:
                                    "[emotics]\nnum=2\nname_0=Beep\nfile_0=Beep.wav\nname_1=Long\nfile_1=Long.wav\n"};
     std::string m_toneModule;
 };
+
+// On a desktop Larimo makes its own microphone the default one; a service told to use the
+// default must still hear the user's microphone, not itself or a speaker's monitor.
+TEST_F(ServiceAudioTest, WithItsOwnMicrophoneAsTheDefaultTheServiceHearsTheRealOne)
+{
+    Tone(150);
+    Start();
+    Shell("pactl set-default-source larimo_mic_source");
+    m_service.Stop(SIGTERM);
+    Start();
+    const double heard = PitchHz(RecordVirtualMic());
+    Shell("pactl set-default-source test_mic");
+    EXPECT_NEAR(heard, 150, 5);
+}
 
 TEST_F(ServiceAudioTest, PitchPresetShiftsTheVoiceAndOffPassesItDry)
 {

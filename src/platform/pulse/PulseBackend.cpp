@@ -366,6 +366,14 @@ public:
         return -1;
     }
 
+    bool IsMonitorDevice(int device) override
+    {
+        std::vector<PulseDevice> devices;
+        return device >= 0 && WaveDevices(WaveDirection::Capture, devices) &&
+               static_cast<std::size_t>(device) < devices.size() &&
+               devices[static_cast<std::size_t>(device)].monitorOfSink != PA_INVALID_INDEX;
+    }
+
     unsigned SetPreferredWaveDevice(WaveDirection direction, int device) override
     {
         std::string name;

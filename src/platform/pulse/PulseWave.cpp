@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <array>
 #include <atomic>
 #include <cstring>
@@ -20,6 +21,14 @@ namespace {
 // How far what waits ahead of the sink may exceed the lead before the surplus is skipped:
 // enough that the ordinary jitter of arriving buffers never costs a skip.
 constexpr uint32_t kTrimSlackMs = 6;
+// The lead adapts to the machine: each under-run adds half the requested lead, up to four
+// times it, and every kLeadCalmNs without one gives back an eighth of the requested lead,
+// never below the requested lead itself. A busy machine thus settles at the smallest lead
+// that plays without gaps, a quiet one stays at the requested one.
+constexpr uint32_t kLeadGrowthDivisor = 2;
+constexpr uint32_t kLeadMaxFactor = 4;
+constexpr uint32_t kLeadShrinkDivisor = 8;
+constexpr int64_t kLeadCalmNs = 60'000'000'000;
 
 bool ToSampleSpec(const StreamFormat& format, pa_sample_spec& sampleSpec)
 {
@@ -235,6 +244,8 @@ public:
         const uint32_t buffer = std::max<uint32_t>(shape.bufferBytes, align);
         const uint32_t floor = format.avgBytesPerSec / 200 / align * align; // 5 ms
         attr.fragsize = std::min(buffer, std::max({buffer / 4 / align * align, floor, align}));
+        m_activeFragment = attr.fragsize;
+        m_idleFragment = buffer;
         const auto flags = static_cast<pa_stream_flags_t>(PA_STREAM_ADJUST_LATENCY | PA_STREAM_START_CORKED);
         if (pa_stream_connect_record(m_stream, source.empty() ? nullptr : source.c_str(), &attr, flags) < 0 ||
             !m_context->WaitStreamReadyLocked(m_stream))
@@ -253,6 +264,23 @@ public:
         m_running = true;
         PulseOperation(pa_stream_cork(m_stream, 0, nullptr, nullptr));
         return kMmOk;
+    }
+
+    // Idle, whole buffers are enough: a quarter of the wake-ups, and a resumed voice is at
+    // most one buffer late, once.
+    void SetIdle(bool idle) override
+    {
+        PulseLock lock(m_context->Loop());
+        if (!Alive() || idle == m_idle)
+            return;
+        m_idle = idle;
+        pa_buffer_attr attr{};
+        attr.maxlength = static_cast<uint32_t>(-1);
+        attr.tlength = static_cast<uint32_t>(-1);
+        attr.prebuf = static_cast<uint32_t>(-1);
+        attr.minreq = static_cast<uint32_t>(-1);
+        attr.fragsize = idle ? m_idleFragment : m_activeFragment;
+        PulseOperation(pa_stream_set_buffer_attr(m_stream, &attr, nullptr, nullptr));
     }
 
     unsigned Reset() override
@@ -318,6 +346,9 @@ private:
     }
 
     bool m_running = false;
+    bool m_idle = false;
+    uint32_t m_activeFragment = 0; // bytes the server gathers before sending, recording for someone
+    uint32_t m_idleFragment = 0;   // the same while nobody listens
 };
 
 class PulseWaveOut final : public WaveOutDevice, private PulseStreamBase {
@@ -344,13 +375,17 @@ public:
         pa_buffer_attr attr{};
         attr.maxlength = static_cast<uint32_t>(-1);
         // The server holds the buffers written ahead plus the lead; anything beyond waits here.
-        attr.tlength = buffer * std::max<uint32_t>(shape.bufferCount, 1) + lead;
+        attr.tlength = buffer * std::max<uint32_t>(shape.bufferCount, 1) + lead * kLeadMaxFactor;
         attr.prebuf = buffer + lead;
         // With a lead the rest of a buffer that did not fit must follow soon, not a buffer later.
         attr.minreq = lead == 0 ? buffer : std::max(align, std::min(buffer, lead) / 2 / align * align);
         attr.fragsize = static_cast<uint32_t>(-1);
         m_prebuf = buffer;
-        m_lead.assign(lead, format.bitsPerSample == 8 ? char(0x80) : char(0));
+        m_lead.assign(lead * kLeadMaxFactor, format.bitsPerSample == 8 ? char(0x80) : char(0));
+        m_baseLead = lead;
+        m_leadBytes = lead;
+        m_leadStep = std::max(align, lead / kLeadGrowthDivisor / align * align);
+        m_calmSinceNs = NowNs();
         m_align = align;
         m_bytesPerSecond = format.avgBytesPerSec;
         m_slack = kTrimSlackMs * format.avgBytesPerSec / 1000 / align * align;
@@ -442,9 +477,10 @@ private:
         if (pa_stream_get_latency(m_stream, &latency, &negative) != 0 || negative != 0)
             return;
         const uint64_t ahead = latency * m_bytesPerSecond / 1'000'000 + clientAhead;
-        if (ahead <= m_lead.size() + m_slack)
+        RelaxLeadLocked();
+        if (ahead <= m_leadBytes + m_slack)
             return;
-        uint64_t excess = (ahead - m_lead.size()) / m_align * m_align;
+        uint64_t excess = (ahead - m_leadBytes) / m_align * m_align;
         while (excess > 0 && !m_queue.empty()) {
             WaveHeader* header = m_queue.front();
             const auto take = static_cast<uint32_t>(std::min<uint64_t>(header->bufferLength - m_fill, excess));
@@ -462,18 +498,40 @@ private:
     void OnUnderflowLocked()
     {
         m_underruns.fetch_add(1, std::memory_order_relaxed);
-        // Played dry, the stream waits for its start threshold: the lead goes in first again.
+        // Played dry, the stream waits for its start threshold: the lead goes in first again,
+        // a little longer each time, since this one was not enough here.
         m_leadDue = !m_lead.empty();
+        m_leadBytes = std::min<uint32_t>(m_leadBytes + m_leadStep, static_cast<uint32_t>(m_lead.size()));
+        m_calmSinceNs = NowNs();
+    }
+
+    void RelaxLeadLocked()
+    {
+        if (m_leadBytes <= m_baseLead)
+            return;
+        const int64_t now = NowNs();
+        if (now - m_calmSinceNs < kLeadCalmNs)
+            return;
+        m_calmSinceNs = now;
+        const uint32_t step = std::max(m_align, m_baseLead / kLeadShrinkDivisor / m_align * m_align);
+        m_leadBytes = std::max(m_baseLead, m_leadBytes - std::min(step, m_leadBytes));
+    }
+
+    static int64_t NowNs()
+    {
+        return std::chrono::duration_cast<std::chrono::nanoseconds>(
+                   std::chrono::steady_clock::now().time_since_epoch())
+            .count();
     }
 
     void FeedLocked(size_t bytes)
     {
         TakeHandedLocked();
         if (m_leadDue && !m_queue.empty()) {
-            if (pa_stream_write(m_stream, m_lead.data(), m_lead.size(), nullptr, 0, PA_SEEK_RELATIVE) < 0)
+            if (pa_stream_write(m_stream, m_lead.data(), m_leadBytes, nullptr, 0, PA_SEEK_RELATIVE) < 0)
                 return;
             m_leadDue = false;
-            bytes -= std::min(bytes, m_lead.size());
+            bytes -= std::min<size_t>(bytes, m_leadBytes);
         }
         while (bytes > 0 && !m_queue.empty()) {
             WaveHeader* header = m_queue.front();
@@ -492,7 +550,11 @@ private:
     }
 
     uint32_t m_prebuf = 0;
-    std::vector<char> m_lead;
+    std::vector<char> m_lead;  // silence for the longest lead
+    uint32_t m_baseLead = 0;   // the lead asked for
+    uint32_t m_leadBytes = 0;  // the lead now
+    uint32_t m_leadStep = 0;
+    int64_t m_calmSinceNs = 0; // the last under-run, or the last step back
     uint32_t m_slack = 0;
     uint32_t m_align = 1;
     uint64_t m_bytesPerSecond = 0;

@@ -37,6 +37,7 @@ struct VirtualAudio::Stream {
     uint64_t doneSamples = 0;
     uint32_t fill = 0;
     std::atomic<uint64_t> underruns{0};
+    bool idleHint = false;
 };
 
 struct VirtualAudio::MixerState {
@@ -65,6 +66,12 @@ public:
         header.flags.fetch_or(kWhdrInQueue);
         m_stream->queue.push_back(&header);
         return kMmOk;
+    }
+
+    void SetIdle(bool idle) override
+    {
+        std::lock_guard lock(m_owner->m_mutex);
+        m_stream->idleHint = idle;
     }
 
     unsigned Start() override
@@ -552,6 +559,16 @@ void VirtualAudio::SetDefaultDeviceRefused(bool refused)
 {
     std::lock_guard lock(m_mutex);
     m_defaultRefused = refused;
+}
+
+bool VirtualAudio::RecordingHintedIdle(int input)
+{
+    std::lock_guard lock(m_mutex);
+    for (const Stream* stream : m_streams) {
+        if (stream->direction == WaveDirection::Capture && stream->device == input && stream->idleHint)
+            return true;
+    }
+    return false;
 }
 
 int VirtualAudio::OpenCount(WaveDirection direction)

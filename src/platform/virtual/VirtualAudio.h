@@ -68,6 +68,8 @@ public:
     /// While refused, the preferred (default) devices cannot be changed, as when the sound
     /// server denies it.
     void SetDefaultDeviceRefused(bool refused);
+    /// Whether a recording stream of input device `input` was told nobody needs it promptly.
+    bool RecordingHintedIdle(int input);
     /// How many wave devices of this direction are open now.
     int OpenCount(WaveDirection direction);
 
