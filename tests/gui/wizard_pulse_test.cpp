@@ -97,13 +97,13 @@ class SourceRecorder {
 public:
     explicit SourceRecorder(const char* source)
     {
-        const pa_sample_spec spec{PA_SAMPLE_S16LE, kRate, 1};
+        const pa_sample_spec sampleFormat{PA_SAMPLE_S16LE, kRate, 1};
         pa_buffer_attr attributes{};
         attributes.maxlength = static_cast<uint32_t>(-1);
         attributes.fragsize = kRate / 50 * 2;
         int error = 0;
         m_client = pa_simple_new(nullptr, "wizard_pulse_test", PA_STREAM_RECORD, source, "what the speakers play",
-                                 &spec, nullptr, &attributes, &error);
+                                 &sampleFormat, nullptr, &attributes, &error);
         if (m_client == nullptr) {
             m_error = pa_strerror(error);
             return;
