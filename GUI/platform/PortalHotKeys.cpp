@@ -93,8 +93,6 @@ PortalHotKeys::PortalHotKeys(QObject* parent, const QDBusConnection& bus)
                    m_bus.lastError().message().toUtf8().constData());
         return;
     }
-    m_bus.connect(kPortalService, kPortalPath, kShortcutsInterface, QStringLiteral("Activated"), this,
-                  SLOT(OnActivated(QDBusObjectPath, QString, qulonglong, QVariantMap)));
 
     // A program outside a sandbox tells the portal its app id first, so that the desktop can
     // show our name and icon with the shortcuts. Portals older than the registry don't need it.
@@ -262,6 +260,11 @@ void PortalHotKeys::OnResponse(uint response, const QVariantMap& results)
             LogWarning("PortalHotKeys: the desktop gave no shortcut session (response %u); hot keys are off", response);
             Finish(false);
             return;
+        }
+        if (!m_listening) {
+            // Listened for once a session exists: only then can activations concern us.
+            m_listening = m_bus.connect(kPortalService, kPortalPath, kShortcutsInterface, QStringLiteral("Activated"),
+                                        this, SLOT(OnActivated(QDBusObjectPath, QString, qulonglong, QVariantMap)));
         }
         PortalShortcutList shortcuts;
         for (const Pending& pending : m_requested) {

@@ -90,6 +90,7 @@ private:
     QString m_session;                 // the open session's object path
     QString m_requestPath;             // the Request object whose Response we wait for
     unsigned m_requestCount = 0;
+    bool m_listening = false;         // connected to the portal's activations
     int m_boundCount = 0;
 };
 
