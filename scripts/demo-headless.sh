@@ -55,6 +55,13 @@ record() { # source file
   echo $!
 }
 
+# The private server's devices are null sinks, whose monitors send their first data only after
+# a second or two at the start; two quiet recorders keep both ends running for the whole demo,
+# so that every slot is timed alike.
+warm_in=$(record mic_feed.monitor /dev/null)
+warm_out=$(record larimo_mic_source /dev/null)
+sleep 2
+
 printf '%-6s %-14s %-28s %12s %12s\n' slot preset file "pitch ratio" "latency ms"
 for slot in 1 2 3; do
   "$ctl" effect "$slot" >/dev/null
@@ -120,5 +127,8 @@ PY
 done
 "$ctl" effect off >/dev/null
 echo
+kill "$warm_in" "$warm_out" 2>/dev/null || true
+wait "$warm_in" "$warm_out" 2>/dev/null || true
+
 echo "Recordings in $out. Latency is the onset of the voice in \"Larimo Microphone\" after its onset in"
 echo "the fake microphone, both recorded at once (a few milliseconds of recorder start-up either way)."
