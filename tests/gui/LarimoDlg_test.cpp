@@ -12,6 +12,7 @@
 #include "MoListBox.h"
 
 #include "../server/ServiceProcess.h"
+#include "RecordingSink.h"
 
 #include "config.h"
 #include "error.h"
@@ -64,20 +65,7 @@ private:
 [[maybe_unused]] ::testing::Environment* const kQtEnvironment =
     ::testing::AddGlobalTestEnvironment(std::make_unique<QtEnvironment>().release());
 
-class RecordingSink final : public MessageBoxSink {
-public:
-    int ShowMessageBox(void* /*owner*/, const std::string& text, const std::string& caption, unsigned style) override
-    {
-        m_boxes.push_back({text, caption, style});
-        return IDOK;
-    }
-    struct Box {
-        std::string text;
-        std::string caption;
-        unsigned style;
-    };
-    std::vector<Box> m_boxes;
-};
+using test::RecordingSink;
 
 std::string Settings(const std::string& extra = {})
 {

@@ -6,6 +6,7 @@
 #include "LarimoDlg.h"
 
 #include "../server/ServiceProcess.h"
+#include "RecordingSink.h"
 
 #include "NTService.h"
 #include "config.h"
@@ -38,20 +39,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class RecordingSink final : public MessageBoxSink {
-public:
-    int ShowMessageBox(void* /*owner*/, const std::string& text, const std::string& caption, unsigned style) override
-    {
-        m_boxes.push_back({text, caption, style});
-        return IDOK;
-    }
-    struct Box {
-        std::string text;
-        std::string caption;
-        unsigned style;
-    };
-    std::vector<Box> m_boxes;
-};
+using test::RecordingSink;
 
 class StartupTest : public ::testing::Test {
 protected:

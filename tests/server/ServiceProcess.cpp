@@ -66,16 +66,15 @@ pid_t ServiceProcess::Spawn() const
     return pid;
 }
 
-void ServiceProcess::AddSound(const std::string& relativePath, double seconds) const
+void WriteSineWav(const std::filesystem::path& path, double hz, double amplitude, size_t count)
 {
-    const fs::path path = m_folder / relativePath;
-    fs::create_directories(path.parent_path());
-    const auto count = static_cast<uint32_t>(seconds * 44100);
+    std::filesystem::create_directories(path.parent_path());
+    const auto dataBytes = static_cast<uint32_t>(count * 2);
     std::ofstream file(path, std::ios::binary);
     const auto u32 = [&file](uint32_t value) { file.write(reinterpret_cast<const char*>(&value), 4); };
     const auto u16 = [&file](uint16_t value) { file.write(reinterpret_cast<const char*>(&value), 2); };
     file.write("RIFF", 4);
-    u32(36 + count * 2);
+    u32(36 + dataBytes);
     file.write("WAVEfmt ", 8);
     u32(16);
     u16(1);
@@ -85,9 +84,15 @@ void ServiceProcess::AddSound(const std::string& relativePath, double seconds) c
     u16(2);
     u16(16);
     file.write("data", 4);
-    u32(count * 2);
-    for (uint32_t i = 0; i < count; ++i)
-        u16(static_cast<uint16_t>(static_cast<int16_t>(1000 * std::sin(2 * M_PI * 440 * i / 44100.0))));
+    u32(dataBytes);
+    for (size_t i = 0; i < count; ++i)
+        u16(static_cast<uint16_t>(
+            static_cast<int16_t>(amplitude * std::sin(2 * M_PI * hz * static_cast<double>(i) / 44100.0))));
+}
+
+void ServiceProcess::AddSound(const std::string& relativePath, double seconds) const
+{
+    WriteSineWav(m_folder / relativePath, 440, 1000, static_cast<size_t>(seconds * 44100));
 }
 
 bool ServiceProcess::Start()

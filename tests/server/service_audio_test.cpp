@@ -94,31 +94,6 @@ double PitchHz(const std::vector<int16_t>& samples)
     return 0;
 }
 
-void WriteSineWav(const fs::path& path, double hz, double amplitude, size_t count)
-{
-    fs::create_directories(path.parent_path());
-    std::vector<int16_t> samples(count);
-    for (size_t i = 0; i < count; ++i)
-        samples[i] = static_cast<int16_t>(amplitude * std::sin(2 * M_PI * hz * static_cast<double>(i) / 44100));
-    const auto dataBytes = static_cast<uint32_t>(count * 2);
-    std::ofstream file(path, std::ios::binary);
-    const auto u32 = [&file](uint32_t value) { file.write(reinterpret_cast<const char*>(&value), 4); };
-    const auto u16 = [&file](uint16_t value) { file.write(reinterpret_cast<const char*>(&value), 2); };
-    file.write("RIFF", 4);
-    u32(36 + dataBytes);
-    file.write("WAVEfmt ", 8);
-    u32(16);
-    u16(1);
-    u16(1);
-    u32(44100);
-    u32(88200);
-    u16(2);
-    u16(16);
-    file.write("data", 4);
-    u32(dataBytes);
-    file.write(reinterpret_cast<const char*>(samples.data()), dataBytes);
-}
-
 class ServiceAudioTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() { test::UsePrivateObjectNamespace(); }
@@ -132,9 +107,9 @@ protected:
         fs::copy_file(app / "larimoctl", folder / "larimoctl");
         fs::copy(app / "effects", folder / "effects", fs::copy_options::recursive);
         fs::copy_file(app / "voiceeffects.ini", folder / "voiceeffects.ini");
-        WriteSineWav(folder / "backsounds" / "Hum.wav", 1000, 8000, 44100);
-        WriteSineWav(folder / "emoticsounds" / "Beep.wav", 2000, 8000, 22050);
-        WriteSineWav(folder / "emoticsounds" / "Long.wav", 2000, 8000, 44100 * 30);
+        test::WriteSineWav(folder / "backsounds" / "Hum.wav", 1000, 8000, 44100);
+        test::WriteSineWav(folder / "emoticsounds" / "Beep.wav", 2000, 8000, 22050);
+        test::WriteSineWav(folder / "emoticsounds" / "Long.wav", 2000, 8000, 44100 * 30);
     }
 
     void TearDown() override
