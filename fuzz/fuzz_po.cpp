@@ -41,7 +41,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         if (entry.hasContext)
             rewritten += larimo::PoQuote("msgctxt", entry.context);
         rewritten += larimo::PoQuote("msgid", entry.id);
-        if (!entry.idPlural.empty()) {
+        if (entry.hasPlural) {
             rewritten += larimo::PoQuote("msgid_plural", entry.idPlural);
             for (std::size_t i = 0; i < entry.translations.size(); ++i)
                 rewritten += larimo::PoQuote("msgstr[" + std::to_string(i) + "]", entry.translations[i]);
@@ -57,6 +57,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (std::size_t i = 0; i < again.entries.size(); ++i) {
         Check(again.entries[i].id == parsed.entries[i].id);
         Check(again.entries[i].context == parsed.entries[i].context);
+        Check(again.entries[i].hasPlural == parsed.entries[i].hasPlural);
+        Check(again.entries[i].idPlural == parsed.entries[i].idPlural);
         Check(again.entries[i].translations == parsed.entries[i].translations);
     }
     return 0;

@@ -195,6 +195,7 @@ private:
                 return;
             }
             m_havePlural = true;
+            m_entry.hasPlural = true;
             m_entry.idPlural = std::move(value);
             m_slot = Slot::IdPlural;
         } else if (keyword == "msgstr") {

@@ -18,7 +18,8 @@ struct PoEntry {
     bool hasContext = false;       ///< whether a msgctxt was given
     std::string context;           ///< msgctxt, decoded
     std::string id;                ///< msgid, decoded (UTF-8)
-    std::string idPlural;          ///< msgid_plural, empty when there is none
+    bool hasPlural = false;        ///< whether a msgid_plural was given (it may be empty)
+    std::string idPlural;          ///< msgid_plural, decoded
     std::vector<std::string> translations; ///< msgstr, or msgstr[0], msgstr[1], ...
     bool fuzzy = false;            ///< marked "#, fuzzy"
 };

@@ -214,5 +214,20 @@ TEST(PoCatalog, QuotedTextsReadBackUnchanged)
     }
 }
 
+// An empty msgid_plural still makes a plural entry: its msgstr[1] must not be lost when the
+// entry is written back.
+TEST(PoCatalog, EmptyPluralIdKeepsEveryTranslation)
+{
+    const PoParseResult parsed = ParsePo("msgid \"%u file\"\nmsgid_plural \"\"\n"
+                                         "msgstr[0] \"%u Datei\"\nmsgstr[1] \"%u Dateien\"\n");
+    ASSERT_TRUE(parsed.ok) << parsed.error;
+    ASSERT_EQ(parsed.entries.size(), 1u);
+    const PoEntry& entry = parsed.entries.front();
+    EXPECT_TRUE(entry.hasPlural);
+    EXPECT_EQ(entry.idPlural, "");
+    EXPECT_EQ(entry.translations, (std::vector<std::string>{"%u Datei", "%u Dateien"}));
+    EXPECT_FALSE(ParsePo("msgid \"a\"\nmsgstr \"b\"\n").entries.front().hasPlural);
+}
+
 } // namespace
 } // namespace larimo
