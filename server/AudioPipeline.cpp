@@ -35,8 +35,11 @@ constexpr uint32_t kMaxBlockSamples = kMaxBlockMs * kSampleRate / 1000;
 // (WaveBufferShape::leadBytes); one that returns them only once played (the simulated devices)
 // holds the one playing and the next. Beyond that a burst after a stall is dropped.
 constexpr uint32_t kMaxOutputQueued = 4;
-// Silence the output devices keep ahead of the newest block against a late block.
-constexpr uint32_t kOutputLeadMs = 12;
+// Silence the output devices keep ahead of the newest block against a late block: about a
+// block, within these bounds. Whoever picks short blocks wants the voice early and gets a
+// short lead; the devices lengthen it by themselves where it proves too short.
+constexpr uint32_t kMinOutputLeadMs = 6;
+constexpr uint32_t kMaxOutputLeadMs = 12;
 // Under-runs this soon after resuming belong to the pause, not to the voice.
 constexpr uint32_t kResumeGraceMs = 50;
 constexpr int64_t kUnderrunLogEveryNs = 10'000'000'000;
@@ -48,6 +51,11 @@ constexpr int64_t kFirstInputStallNs = 5'000'000'000;
 constexpr int64_t kActiveTickNs = 20'000'000;
 constexpr int64_t kIdleTickNs = 100'000'000;
 constexpr int64_t kInUsePollActiveNs = 500'000'000;
+
+uint32_t OutputLeadMs(uint32_t blockMs)
+{
+    return std::clamp(blockMs, kMinOutputLeadMs, kMaxOutputLeadMs);
+}
 
 struct TraceBlock {
     uint32_t count = 0;
@@ -587,7 +595,7 @@ struct AudioPipeline::Control {
         }
         // The device holds the newest block and a little lead, whatever the buffer counts allow:
         // they bound the queue, and filling it would only delay the voice.
-        const WaveBufferShape outShape{bytes, 1, kOutputLeadMs * kSampleRate / 1000 * 2};
+        const WaveBufferShape outShape{bytes, 1, OutputLeadMs(devices.blockMs) * kSampleRate / 1000 * 2};
         result = backend->OpenWaveOut(output, format, outShape, session->queue->Id(), session->out);
         if (result != kMmOk) {
             OpenFailure("the virtual microphone cannot be opened for playing (error " + std::to_string(result) + ")");

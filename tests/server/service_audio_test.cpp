@@ -17,7 +17,9 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace larimo {
@@ -224,6 +226,34 @@ TEST_F(ServiceAudioTest, ListenInReachesTheSpeakersOnlyWhenItShould)
     EXPECT_GT(Rms(Tail(Record("speakers.monitor", 2))), 1000);
     Ctl("listen off");
     EXPECT_LT(Rms(Tail(Record("speakers.monitor", 2))), 50);
+}
+
+// With short blocks the virtual microphone keeps only a short lead. A service that stalls (here:
+// stopped for a moment) runs it dry; afterwards the voice must flow on, and the under-run must
+// be counted.
+TEST_F(ServiceAudioTest, AfterAStallWithShortBlocksTheVoiceFlowsOnAndTheUnderRunIsCounted)
+{
+    Tone(440);
+    Shell("sed -i '1i [stream]\\ninBuffSizeMs=5\\n' " + (m_service.Folder() / "config.ini").string());
+    Start();
+    std::vector<int16_t> heard;
+    std::thread recorder([&heard] { heard = Record("larimo_mic_source", 4.0); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+    m_service.Signal(SIGSTOP);
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    m_service.Signal(SIGCONT);
+    recorder.join();
+    const std::vector<int16_t> after = Tail(heard);
+    EXPECT_GT(Rms(after), 1000);
+    EXPECT_NEAR(PitchHz(after), 440, 10);
+    ASSERT_GT(heard.size(), 44100u * 3) << "the recording stopped short";
+    // The stall must show in the stop line, not be hidden.
+    ASSERT_EQ(m_service.Stop(SIGTERM), 0);
+    const std::string log = Shell("cat " + (m_service.Folder() / "larimosrv.log").string());
+    std::smatch stopLine;
+    ASSERT_TRUE(std::regex_search(log, stopLine, std::regex("stopped after \\d+ blocks, \\d+ dropped, (\\d+) under-runs")))
+        << log;
+    EXPECT_GE(std::stoull(stopLine[1].str()), 1u) << log;
 }
 
 TEST_F(ServiceAudioTest, BrokenPluginGivesAnErrorTextAndADryVoice)

@@ -372,15 +372,8 @@ public:
         const uint32_t align = std::max<uint16_t>(format.blockAlign, 1);
         const uint32_t buffer = std::max<uint32_t>(shape.bufferBytes, align);
         const uint32_t lead = shape.leadBytes / align * align;
-        pa_buffer_attr attr{};
-        attr.maxlength = static_cast<uint32_t>(-1);
-        // The server holds the buffers written ahead plus the lead; anything beyond waits here.
-        attr.tlength = buffer * std::max<uint32_t>(shape.bufferCount, 1) + lead * kLeadMaxFactor;
-        attr.prebuf = buffer + lead;
-        // With a lead the rest of a buffer that did not fit must follow soon, not a buffer later.
-        attr.minreq = lead == 0 ? buffer : std::max(align, std::min(buffer, lead) / 2 / align * align);
-        attr.fragsize = static_cast<uint32_t>(-1);
         m_prebuf = buffer;
+        m_written = buffer * std::max<uint32_t>(shape.bufferCount, 1);
         m_lead.assign(lead * kLeadMaxFactor, format.bitsPerSample == 8 ? char(0x80) : char(0));
         m_baseLead = lead;
         m_leadBytes = lead;
@@ -390,6 +383,7 @@ public:
         m_bytesPerSecond = format.avgBytesPerSec;
         m_slack = kTrimSlackMs * format.avgBytesPerSec / 1000 / align * align;
         m_leadDue = lead > 0;
+        const pa_buffer_attr attr = BufferAttrLocked();
         if (!CreateWakeLocked([](pa_mainloop_api*, pa_io_event*, int fd, pa_io_event_flags_t, void* self) {
                 uint64_t count = 0;
                 [[maybe_unused]] const ssize_t got = read(fd, &count, sizeof count);
@@ -495,13 +489,38 @@ private:
         }
     }
 
+    // The server holds the buffers written ahead plus the lead and its slack; anything beyond
+    // waits here. The sink's own latency follows from this target, so it must not be larger
+    // than the lead in use: a null sink, for one, hands on what it plays in pieces that long.
+    pa_buffer_attr BufferAttrLocked() const
+    {
+        pa_buffer_attr attr{};
+        attr.maxlength = static_cast<uint32_t>(-1);
+        attr.tlength = m_written + (m_leadBytes == 0 ? 0 : m_leadBytes + m_slack);
+        attr.prebuf = m_prebuf + m_leadBytes;
+        // With a lead the rest of a buffer that did not fit must follow soon, not a buffer later.
+        attr.minreq = m_leadBytes == 0 ? m_prebuf
+                                       : std::max(m_align, std::min(m_prebuf, m_leadBytes) / 2 / m_align * m_align);
+        attr.fragsize = static_cast<uint32_t>(-1);
+        return attr;
+    }
+
+    void SetLeadLocked(uint32_t bytes)
+    {
+        if (bytes == m_leadBytes)
+            return;
+        m_leadBytes = bytes;
+        const pa_buffer_attr attr = BufferAttrLocked();
+        PulseOperation(pa_stream_set_buffer_attr(m_stream, &attr, nullptr, nullptr));
+    }
+
     void OnUnderflowLocked()
     {
         m_underruns.fetch_add(1, std::memory_order_relaxed);
         // Played dry, the stream waits for its start threshold: the lead goes in first again,
         // a little longer each time, since this one was not enough here.
         m_leadDue = !m_lead.empty();
-        m_leadBytes = std::min<uint32_t>(m_leadBytes + m_leadStep, static_cast<uint32_t>(m_lead.size()));
+        SetLeadLocked(std::min<uint32_t>(m_leadBytes + m_leadStep, static_cast<uint32_t>(m_lead.size())));
         m_calmSinceNs = NowNs();
     }
 
@@ -514,7 +533,7 @@ private:
             return;
         m_calmSinceNs = now;
         const uint32_t step = std::max(m_align, m_baseLead / kLeadShrinkDivisor / m_align * m_align);
-        m_leadBytes = std::max(m_baseLead, m_leadBytes - std::min(step, m_leadBytes));
+        SetLeadLocked(std::max(m_baseLead, m_leadBytes - std::min(step, m_leadBytes)));
     }
 
     static int64_t NowNs()
@@ -550,6 +569,7 @@ private:
     }
 
     uint32_t m_prebuf = 0;
+    uint32_t m_written = 0;    // the buffers the server may hold ahead, besides the lead
     std::vector<char> m_lead;  // silence for the longest lead
     uint32_t m_baseLead = 0;   // the lead asked for
     uint32_t m_leadBytes = 0;  // the lead now
