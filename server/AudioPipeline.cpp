@@ -8,6 +8,8 @@
 #include "modb.h"
 #include "platform/AudioBackend.h"
 #include "platform/CrashGuard.h"
+#include "platform/ProcessInfo.h"
+#include "platform/Realtime.h"
 #include "platform/ThreadMessages.h"
 #include "wmme.h"
 
@@ -18,6 +20,7 @@
 #include <algorithm>
 #include <cstring>
 #include <deque>
+#include <future>
 #include <map>
 #include <set>
 #include <vector>
@@ -48,6 +51,9 @@ constexpr int64_t kMinStallNs = 1'000'000'000;
 // a monitor of a sink that ran with a long latency until now); reopening then only starts the
 // wait again.
 constexpr int64_t kFirstInputStallNs = 5'000'000'000;
+// Above every program that asks for the lowest real-time priority, well below the sound
+// server's own threads and RealtimeKit's usual ceiling of 20.
+constexpr int kRealtimePriorityAboveMin = 10;
 constexpr int64_t kActiveTickNs = 20'000'000;
 constexpr int64_t kIdleTickNs = 100'000'000;
 constexpr int64_t kInUsePollActiveNs = 500'000'000;
@@ -152,7 +158,6 @@ struct Session {
     std::atomic<bool> lost{false};
     std::atomic<int64_t> lastInputNs{0};
     int64_t openedNs = 0;
-    std::atomic<int> priorityError{-1};
     // The audio thread's own: the device's under-run count last seen, blocks fed since the
     // pipeline last paused, and how many of them still count as resuming.
     uint64_t seenUnderruns = 0;
@@ -441,13 +446,6 @@ struct AudioPipeline::Control {
             m_ended->Pop();
             Notify(copy);
         }
-        if (m_session) {
-            const int priority = m_session->priorityError.exchange(-2);
-            if (priority > 0)
-                LogWarning("AudioPipeline: no real-time priority for the audio thread (error %d); it runs at normal "
-                           "priority",
-                           priority);
-        }
     }
 
     void CheckEffectFault()
@@ -636,7 +634,12 @@ struct AudioPipeline::Control {
         session->lastInputNs.store(session->openedNs);
         Session* raw = session.get();
         m_session = std::move(session);
-        m_session->audio = std::thread([this, raw] { AudioThread(*raw); });
+        std::promise<pid_t> audioThreadId;
+        m_session->audio = std::thread([this, raw, &audioThreadId] {
+            audioThreadId.set_value(static_cast<pid_t>(CurrentThreadId()));
+            AudioThread(*raw);
+        });
+        RaisePriorities(*backend, audioThreadId.get_future().get());
         result = m_session->in->Start();
         if (result != kMmOk) {
             OpenFailure("the recording device does not start (error " + std::to_string(result) + ")");
@@ -652,6 +655,26 @@ struct AudioPipeline::Control {
                 input, output, monitor, devices.blockMs, m_session->blockSamples, devices.inCount, devices.outCount,
                 m_session->monPool.count);
         return true;
+    }
+
+    // The audio thread and the backend's threads that hand it the buffers all carry the voice:
+    // one of them at normal priority is enough for a busy machine to break it up.
+    static void RaisePriorities(AudioBackend& backend, pid_t audioThread)
+    {
+        std::vector<pid_t> threads = backend.StreamThreads();
+        threads.insert(threads.begin(), audioThread);
+        const int wanted = sched_get_priority_min(SCHED_FIFO) + kRealtimePriorityAboveMin;
+        for (const pid_t thread : threads) {
+            const RealtimeResult raised = MakeThreadRealtime(thread, wanted);
+            if (!raised.ok) {
+                LogWarning("AudioPipeline: no real-time priority for thread %d: %s; the voice may break up on a busy "
+                           "machine",
+                           static_cast<int>(thread), raised.error.c_str());
+                return;
+            }
+            LogInfo("AudioPipeline: thread %d runs at real-time priority %d%s", static_cast<int>(thread),
+                    raised.priority, raised.throughRtkit ? ", granted by RealtimeKit" : "");
+        }
     }
 
     static void ShutDevices(Session& session)
@@ -753,9 +776,6 @@ struct AudioPipeline::Control {
     void AudioThread(Session& session)
     {
         CrashGuard::PrepareThread();
-        sched_param param{};
-        param.sched_priority = std::max(1, sched_get_priority_min(SCHED_FIFO) + 10);
-        session.priorityError.store(pthread_setschedparam(pthread_self(), SCHED_FIFO, &param));
         for (;;) {
             const ThreadMessage message = session.queue->Wait();
             if (message.message == kMsgQuit)

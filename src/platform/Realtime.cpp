@@ -1,0 +1,139 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "platform/Realtime.h"
+
+#include <sched.h>
+#include <sys/resource.h>
+#include <systemd/sd-bus.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+
+namespace larimo {
+
+namespace {
+
+constexpr const char* kRtkitService = "org.freedesktop.RealtimeKit1";
+constexpr const char* kRtkitPath = "/org/freedesktop/RealtimeKit1";
+constexpr const char* kRtkitInterface = "org.freedesktop.RealtimeKit1";
+
+struct BusDeleter {
+    void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
+};
+
+// Frees the error's texts when the call is over, whatever way it ends.
+class BusError {
+public:
+    BusError() = default;
+    ~BusError() { sd_bus_error_free(&m_error); }
+    BusError(const BusError&) = delete;
+    BusError& operator=(const BusError&) = delete;
+    sd_bus_error* Get() { return &m_error; }
+    std::string Text(int result) const
+    {
+        if (m_error.message != nullptr)
+            return m_error.message;
+        return std::strerror(-result);
+    }
+
+private:
+    sd_bus_error m_error = SD_BUS_ERROR_NULL;
+};
+
+int ClampPriority(int priority)
+{
+    return std::clamp(priority, sched_get_priority_min(SCHED_FIFO), sched_get_priority_max(SCHED_FIFO));
+}
+
+} // namespace
+
+RealtimeResult MakeThreadRealtime(pid_t tid, int priority)
+{
+    RealtimeResult result;
+    result.priority = ClampPriority(priority);
+    sched_param param{};
+    param.sched_priority = result.priority;
+    // Programs this service starts (plug-in helpers, say) must not inherit the priority.
+    if (sched_setscheduler(tid, SCHED_FIFO | SCHED_RESET_ON_FORK, &param) == 0) {
+        result.ok = true;
+        return result;
+    }
+    const int direct = errno;
+    result = RequestRealtimeFromRtkit(tid, priority);
+    if (!result.ok)
+        result.error = std::string("not allowed to set it (") + std::strerror(direct) + "), and RealtimeKit: " +
+                       result.error;
+    return result;
+}
+
+RealtimeResult RequestRealtimeFromRtkit(pid_t tid, int priority)
+{
+    RealtimeResult result;
+    sd_bus* opened = nullptr;
+    int status = sd_bus_open_system(&opened);
+    const std::unique_ptr<sd_bus, BusDeleter> bus(opened);
+    if (status < 0) {
+        result.error = std::string("no system bus (") + std::strerror(-status) + ")";
+        return result;
+    }
+
+    int32_t maxPriority = 0;
+    {
+        BusError error;
+        status = sd_bus_get_property_trivial(bus.get(), kRtkitService, kRtkitPath, kRtkitInterface,
+                                             "MaxRealtimePriority", error.Get(), 'i', &maxPriority);
+        if (status < 0) {
+            result.error = "not available (" + error.Text(status) + ")";
+            return result;
+        }
+    }
+    int64_t maxRtTimeUs = 0;
+    {
+        BusError error;
+        status = sd_bus_get_property_trivial(bus.get(), kRtkitService, kRtkitPath, kRtkitInterface, "RTTimeUSecMax",
+                                             error.Get(), 'x', &maxRtTimeUs);
+        if (status < 0) {
+            result.error = "no time limit given (" + error.Text(status) + ")";
+            return result;
+        }
+    }
+    if (maxPriority < 1 || maxRtTimeUs <= 0) {
+        result.error = "it grants no real-time priority here";
+        return result;
+    }
+
+    // The daemon only serves processes that cannot hog a core for longer than it allows: a
+    // real-time thread that runs that long without a pause is stopped by the kernel.
+    rlimit limit{};
+    if (getrlimit(RLIMIT_RTTIME, &limit) != 0) {
+        result.error = std::string("RLIMIT_RTTIME unreadable (") + std::strerror(errno) + ")";
+        return result;
+    }
+    const auto allowed = static_cast<rlim_t>(maxRtTimeUs);
+    if (limit.rlim_max == RLIM_INFINITY || limit.rlim_max > allowed)
+        limit.rlim_max = allowed;
+    limit.rlim_cur = std::min(limit.rlim_cur, limit.rlim_max);
+    if (setrlimit(RLIMIT_RTTIME, &limit) != 0) {
+        result.error = std::string("RLIMIT_RTTIME cannot be set (") + std::strerror(errno) + ")";
+        return result;
+    }
+
+    result.priority = std::min(ClampPriority(priority), static_cast<int>(maxPriority));
+    BusError error;
+    sd_bus_message* reply = nullptr;
+    status = sd_bus_call_method(bus.get(), kRtkitService, kRtkitPath, kRtkitInterface, "MakeThreadRealtime",
+                                error.Get(), &reply, "tu", static_cast<uint64_t>(tid),
+                                static_cast<uint32_t>(result.priority));
+    sd_bus_message_unref(reply);
+    if (status < 0) {
+        result.error = "refused (" + error.Text(status) + ")";
+        return result;
+    }
+    result.ok = true;
+    result.throughRtkit = true;
+    return result;
+}
+
+} // namespace larimo
