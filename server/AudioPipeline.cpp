@@ -63,6 +63,13 @@ uint32_t OutputLeadMs(uint32_t blockMs)
     return std::clamp(blockMs, kMinOutputLeadMs, kMaxOutputLeadMs);
 }
 
+// What the audio thread knows of one output device's under-runs: the device's count last seen
+// and the blocks fed to it since it last went unfed, up to the grace.
+struct UnderrunWatch {
+    uint64_t seen = 0;
+    uint32_t fedBlocks = 0;
+};
+
 struct TraceBlock {
     uint32_t count = 0;
     int16_t samples[kMaxBlockSamples];
@@ -160,8 +167,8 @@ struct Session {
     int64_t openedNs = 0;
     // The audio thread's own: the device's under-run count last seen, blocks fed since the
     // pipeline last paused, and how many of them still count as resuming.
-    uint64_t seenUnderruns = 0;
-    uint32_t fedBlocks = 0;
+    UnderrunWatch outWatch;
+    UnderrunWatch monitorWatch;
     uint32_t graceBlocks = 0;
     // The backend's count of programs recording from the virtual microphone; null when it
     // cannot keep one and the control thread asks instead.
@@ -215,10 +222,12 @@ struct AudioPipeline::Control {
         m_latest.store(nullptr, std::memory_order_release);
         m_plans.clear();
         m_effect.reset();
-        LogInfo("AudioPipeline: stopped after %llu blocks, %llu dropped, %llu under-runs of the virtual microphone",
+        LogInfo("AudioPipeline: stopped after %llu blocks, %llu dropped, %llu under-runs of the virtual microphone, "
+                "%llu of the listen-in device",
                 static_cast<unsigned long long>(m_blocks.load()),
                 static_cast<unsigned long long>(m_outputDropped.load()),
-                static_cast<unsigned long long>(m_underruns.load()));
+                static_cast<unsigned long long>(m_underruns.load()),
+                static_cast<unsigned long long>(m_monitorUnderruns.load()));
     }
 
     // News of under-runs at most every few seconds, so a struggling machine does not also
@@ -226,14 +235,22 @@ struct AudioPipeline::Control {
     void LogUnderruns(bool now)
     {
         const uint64_t count = m_underruns.load(std::memory_order_relaxed);
-        if (count == m_loggedUnderruns)
+        const uint64_t monitorCount = m_monitorUnderruns.load(std::memory_order_relaxed);
+        if (count == m_loggedUnderruns && monitorCount == m_loggedMonitorUnderruns)
             return;
         const int64_t time = NowNs();
         if (!now && time < m_nextUnderrunLogNs)
             return;
-        LogWarning("AudioPipeline: the virtual microphone ran out of data %llu times (%llu since the last report)",
-                   static_cast<unsigned long long>(count), static_cast<unsigned long long>(count - m_loggedUnderruns));
+        if (count != m_loggedUnderruns)
+            LogWarning("AudioPipeline: the virtual microphone ran out of data %llu times (%llu since the last report)",
+                       static_cast<unsigned long long>(count),
+                       static_cast<unsigned long long>(count - m_loggedUnderruns));
+        if (monitorCount != m_loggedMonitorUnderruns)
+            LogWarning("AudioPipeline: the listen-in device ran out of data %llu times (%llu since the last report)",
+                       static_cast<unsigned long long>(monitorCount),
+                       static_cast<unsigned long long>(monitorCount - m_loggedMonitorUnderruns));
         m_loggedUnderruns = count;
+        m_loggedMonitorUnderruns = monitorCount;
         m_nextUnderrunLogNs = time + kUnderrunLogEveryNs;
     }
 
@@ -815,7 +832,10 @@ struct AudioPipeline::Control {
         std::memcpy(samples, header.data, size_t{count} * 2);
 
         const bool idle = IdleRT(session, plan);
-        CountUnderrunsRT(session, idle);
+        const bool listening = !idle && plan != nullptr && plan->monitor && session.monitor;
+        CountUnderrunsRT(*session.out, session.outWatch, !idle, session.graceBlocks, m_underruns);
+        if (session.monitor)
+            CountUnderrunsRT(*session.monitor, session.monitorWatch, listening, session.graceBlocks, m_monitorUnderruns);
         if (idle) {
             if (plan != nullptr)
                 MixSoundsRT(*plan, samples, count, false, *m_ended);
@@ -827,7 +847,7 @@ struct AudioPipeline::Control {
         }
         if (!WriteRT(*session.out, session.outPool, samples, count, nullptr))
             session.lost.store(true, std::memory_order_release);
-        if (plan != nullptr && plan->monitor && session.monitor)
+        if (listening)
             WriteRT(*session.monitor, session.monPool, samples, count, plan);
 
         if (TraceBlock* block = m_trace->BeginPush()) {
@@ -852,21 +872,22 @@ struct AudioPipeline::Control {
         return idle;
     }
 
-    // Counts the virtual microphone's under-runs, leaving out those of pausing: a paused
-    // pipeline lets the device run dry on purpose, and the sound server may tell so a little
-    // after processing resumed. RT call.
-    void CountUnderrunsRT(Session& session, bool idle) noexcept
+    // Counts an output device's under-runs, leaving out those of not feeding it: a paused
+    // pipeline, or listen-in switched off, lets the device run dry on purpose, and the sound
+    // server may tell so a little after feeding started again. RT call.
+    static void CountUnderrunsRT(const WaveOutDevice& device, UnderrunWatch& watch, bool fed, uint32_t graceBlocks,
+                                 std::atomic<uint64_t>& total) noexcept
     {
-        if (idle)
-            session.fedBlocks = 0;
-        else if (session.fedBlocks <= session.graceBlocks)
-            ++session.fedBlocks;
-        const uint64_t seen = session.out->Underruns();
-        if (seen == session.seenUnderruns)
+        if (!fed)
+            watch.fedBlocks = 0;
+        else if (watch.fedBlocks <= graceBlocks)
+            ++watch.fedBlocks;
+        const uint64_t seen = device.Underruns();
+        if (seen == watch.seen)
             return;
-        if (session.fedBlocks > session.graceBlocks)
-            m_underruns.fetch_add(seen - session.seenUnderruns, std::memory_order_relaxed);
-        session.seenUnderruns = seen;
+        if (watch.fedBlocks > graceBlocks)
+            total.fetch_add(seen - watch.seen, std::memory_order_relaxed);
+        watch.seen = seen;
     }
 
     // Queues one block; `scale` gives the listen-in volume. False when the device is gone.
@@ -916,6 +937,7 @@ struct AudioPipeline::Control {
     bool m_hintedIdle = false; // what the recording device was last told
     std::string m_lastOpenFailure;
     uint64_t m_loggedUnderruns = 0;
+    uint64_t m_loggedMonitorUnderruns = 0;
     int64_t m_nextUnderrunLogNs = 0;
 
     // Between the threads.
@@ -928,6 +950,7 @@ struct AudioPipeline::Control {
     std::atomic<uint64_t> m_outputDropped{0};
     std::atomic<uint64_t> m_traceDropped{0};
     std::atomic<uint64_t> m_underruns{0};
+    std::atomic<uint64_t> m_monitorUnderruns{0};
     std::atomic<uint64_t> m_sessions{0};
     std::atomic<uint32_t> m_runningBlock{0};
 
@@ -988,6 +1011,7 @@ AudioPipeline::Stats AudioPipeline::GetStats() const
     stats.outputDropped = control.m_outputDropped.load(std::memory_order_relaxed);
     stats.traceDropped = control.m_traceDropped.load(std::memory_order_relaxed);
     stats.underruns = control.m_underruns.load(std::memory_order_relaxed);
+    stats.monitorUnderruns = control.m_monitorUnderruns.load(std::memory_order_relaxed);
     stats.sessions = control.m_sessions.load(std::memory_order_relaxed);
     stats.idle = control.m_idle.load(std::memory_order_relaxed);
     stats.blockSamples = control.m_runningBlock.load(std::memory_order_relaxed);

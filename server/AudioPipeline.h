@@ -44,6 +44,7 @@ public:
         uint64_t outputDropped = 0;  ///< blocks not written: every output buffer was still queued
         uint64_t traceDropped = 0;   ///< trace blocks the control thread had no room for
         uint64_t underruns = 0;      ///< times the virtual microphone ran out of data while fed
+        uint64_t monitorUnderruns = 0; ///< the same for the listen-in device while listening
         uint64_t sessions = 0;       ///< times the devices were opened
         uint32_t blockSamples = 0;   ///< samples per block of the running session
         bool running = false;        ///< devices open and audio flowing

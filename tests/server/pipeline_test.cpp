@@ -475,6 +475,37 @@ TEST_F(PipelineTest, CountsUnderrunsOnlyWhileTheVirtualMicrophoneIsFed)
     EXPECT_TRUE(Eventually([this] { return m_pipeline->GetStats().underruns == 3; }));
 }
 
+// The listen-in device's under-runs count apart, and only while the user listens: switched
+// off, it runs dry on purpose.
+TEST_F(PipelineTest, CountsListenInUnderrunsOnlyWhileListening)
+{
+    m_settings->m_listen = 0; // always
+    m_state.monitorOn = true;
+    m_state.monitorVol = 100;
+    StartPipeline();
+    Played(kBlock * 10, kSpeakers);
+    m_audio->SimulateUnderrun(kSpeakers);
+    EXPECT_TRUE(Eventually([this] { return m_pipeline->GetStats().monitorUnderruns == 1; }));
+    EXPECT_EQ(m_pipeline->GetStats().underruns, 0u) << "counted as the virtual microphone's";
+
+    m_state.monitorOn = false;
+    Apply();
+    ASSERT_TRUE(Eventually([this] {
+        m_audio->TakePlayed(kSpeakers);
+        Played(kBlock * 4);
+        return m_audio->TakePlayed(kSpeakers).empty();
+    }));
+    m_audio->SimulateUnderrun(kSpeakers);
+    Played(kBlock * 10);
+    EXPECT_EQ(m_pipeline->GetStats().monitorUnderruns, 1u) << "counted the under-run of listen-in switched off";
+
+    m_state.monitorOn = true;
+    Apply();
+    Played(kBlock * 10, kSpeakers);
+    m_audio->SimulateUnderrun(kSpeakers);
+    EXPECT_TRUE(Eventually([this] { return m_pipeline->GetStats().monitorUnderruns == 2; }));
+}
+
 TEST_F(PipelineTest, ComesBackAfterTheVirtualMicrophoneWentAway)
 {
     StartPipeline();
