@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "platform/Realtime.h"
 
+#include "platform/SdBus.h"
+
 #include <sched.h>
 #include <sys/resource.h>
-#include <systemd/sd-bus.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -19,28 +20,11 @@ constexpr const char* kRtkitService = "org.freedesktop.RealtimeKit1";
 constexpr const char* kRtkitPath = "/org/freedesktop/RealtimeKit1";
 constexpr const char* kRtkitInterface = "org.freedesktop.RealtimeKit1";
 
-struct BusDeleter {
-    void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
-};
-
-// Frees the error's texts when the call is over, whatever way it ends.
-class BusError {
-public:
-    BusError() = default;
-    ~BusError() { sd_bus_error_free(&m_error); }
-    BusError(const BusError&) = delete;
-    BusError& operator=(const BusError&) = delete;
-    sd_bus_error* Get() { return &m_error; }
-    std::string Text(int result) const
-    {
-        if (m_error.message != nullptr)
-            return m_error.message;
-        return std::strerror(-result);
-    }
-
-private:
-    sd_bus_error m_error = SD_BUS_ERROR_NULL;
-};
+// The error's text, or the result code's where the call failed without one.
+std::string ErrorText(const BusError& error, int result)
+{
+    return *error.Message() != '\0' ? error.Message() : std::strerror(-result);
+}
 
 int ClampPriority(int priority)
 {
@@ -73,7 +57,7 @@ RealtimeResult RequestRealtimeFromRtkit(pid_t tid, int priority)
     RealtimeResult result;
     sd_bus* opened = nullptr;
     int status = sd_bus_open_system(&opened);
-    const std::unique_ptr<sd_bus, BusDeleter> bus(opened);
+    const BusPointer bus(opened);
     if (status < 0) {
         result.error = std::string("no system bus (") + std::strerror(-status) + ")";
         return result;
@@ -85,7 +69,7 @@ RealtimeResult RequestRealtimeFromRtkit(pid_t tid, int priority)
         status = sd_bus_get_property_trivial(bus.get(), kRtkitService, kRtkitPath, kRtkitInterface,
                                              "MaxRealtimePriority", error.Get(), 'i', &maxPriority);
         if (status < 0) {
-            result.error = "not available (" + error.Text(status) + ")";
+            result.error = "not available (" + ErrorText(error, status) + ")";
             return result;
         }
     }
@@ -95,7 +79,7 @@ RealtimeResult RequestRealtimeFromRtkit(pid_t tid, int priority)
         status = sd_bus_get_property_trivial(bus.get(), kRtkitService, kRtkitPath, kRtkitInterface, "RTTimeUSecMax",
                                              error.Get(), 'x', &maxRtTimeUs);
         if (status < 0) {
-            result.error = "no time limit given (" + error.Text(status) + ")";
+            result.error = "no time limit given (" + ErrorText(error, status) + ")";
             return result;
         }
     }
@@ -126,9 +110,9 @@ RealtimeResult RequestRealtimeFromRtkit(pid_t tid, int priority)
     status = sd_bus_call_method(bus.get(), kRtkitService, kRtkitPath, kRtkitInterface, "MakeThreadRealtime",
                                 error.Get(), &reply, "tu", static_cast<uint64_t>(tid),
                                 static_cast<uint32_t>(result.priority));
-    sd_bus_message_unref(reply);
+    const MessagePointer answer(reply);
     if (status < 0) {
-        result.error = "refused (" + error.Text(status) + ")";
+        result.error = "refused (" + ErrorText(error, status) + ")";
         return result;
     }
     result.ok = true;

@@ -2,6 +2,7 @@
 #include "platform/SystemdServiceManager.h"
 
 #include "mlog.h"
+#include "platform/SdBus.h"
 #include "platform/ServiceFiles.h"
 
 #include <systemd/sd-bus.h>
@@ -26,34 +27,10 @@ constexpr const char* kServiceInterface = "org.freedesktop.systemd1.Service";
 constexpr uint64_t kCallTimeoutUs = 10'000'000;
 constexpr auto kDeletionGrace = std::chrono::milliseconds(3000);
 
-struct BusDeleter {
-    void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
-};
-using BusPointer = std::unique_ptr<sd_bus, BusDeleter>;
-
-struct MessageDeleter {
-    void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
-};
-using MessagePointer = std::unique_ptr<sd_bus_message, MessageDeleter>;
-
 struct FreeDeleter {
     void operator()(char* text) const { std::free(text); }
 };
 using CString = std::unique_ptr<char, FreeDeleter>;
-
-class BusError {
-public:
-    BusError() = default;
-    ~BusError() { sd_bus_error_free(&m_error); }
-    BusError(const BusError&) = delete;
-    BusError& operator=(const BusError&) = delete;
-    sd_bus_error* Get() { return &m_error; }
-    bool Is(const char* name) const { return sd_bus_error_has_name(&m_error, name) != 0; }
-    const char* Message() const { return m_error.message != nullptr ? m_error.message : ""; }
-
-private:
-    sd_bus_error m_error{nullptr, nullptr, 0};
-};
 
 int Result(int result, int code)
 {
