@@ -51,9 +51,9 @@ constexpr int64_t kMinStallNs = 1'000'000'000;
 // a monitor of a sink that ran with a long latency until now); reopening then only starts the
 // wait again.
 constexpr int64_t kFirstInputStallNs = 5'000'000'000;
-// Above every program that asks for the lowest real-time priority, well below the sound
-// server's own threads and RealtimeKit's usual ceiling of 20.
-constexpr int kRealtimePriorityAboveMin = 10;
+// Above every ordinary thread and below the sound server's own (PulseAudio's default is 5,
+// PipeWire's far higher): the server must always be able to take what was written.
+constexpr int kRealtimePriorityAboveMin = 3;
 constexpr int64_t kActiveTickNs = 20'000'000;
 constexpr int64_t kIdleTickNs = 100'000'000;
 constexpr int64_t kInUsePollActiveNs = 500'000'000;
