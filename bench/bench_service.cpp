@@ -213,6 +213,8 @@ public:
         for (const char* name : {"LarimoServer", "larimoctl", "voiceeffects.ini"})
             fs::copy_file(app / name, m_folder / name);
         fs::copy(app / "effects", m_folder / "effects", fs::copy_options::recursive);
+        // The service as installed, with its language files, so its log reads as a user's does.
+        fs::copy(app / "lang", m_folder / "lang", fs::copy_options::recursive);
         WriteWav(m_folder / "backsounds" / "Hum.wav", 300, 3000, kRate * 2);
         WriteWav(m_folder / "emoticsounds" / "Beep.wav", 2000, 3000, kRate * 30);
         WriteWav(m_folder / "emoticsounds" / "Tune.wav", 700, 3000, kRate * 30);
