@@ -656,7 +656,7 @@ struct AudioPipeline::Control {
             audioThreadId.set_value(static_cast<pid_t>(CurrentThreadId()));
             AudioThread(*raw);
         });
-        RaisePriorities(*backend, audioThreadId.get_future().get());
+        RaisePriority(audioThreadId.get_future().get());
         result = m_session->in->Start();
         if (result != kMmOk) {
             OpenFailure("the recording device does not start (error " + std::to_string(result) + ")");
@@ -674,24 +674,21 @@ struct AudioPipeline::Control {
         return true;
     }
 
-    // The audio thread and the backend's threads that hand it the buffers all carry the voice:
-    // one of them at normal priority is enough for a busy machine to break it up.
-    static void RaisePriorities(AudioBackend& backend, pid_t audioThread)
+    // The audio thread runs the voice through the effects: it must win against a busy desktop.
+    // (The backend's own loop thread stays at normal priority: raised as well, it was seen to
+    // burn up to a second of CPU time at a stretch while the pipeline idled.)
+    static void RaisePriority(pid_t audioThread)
     {
-        std::vector<pid_t> threads = backend.StreamThreads();
-        threads.insert(threads.begin(), audioThread);
-        const int wanted = sched_get_priority_min(SCHED_FIFO) + kRealtimePriorityAboveMin;
-        for (const pid_t thread : threads) {
-            const RealtimeResult raised = MakeThreadRealtime(thread, wanted);
-            if (!raised.ok) {
-                LogWarning("AudioPipeline: no real-time priority for thread %d: %s; the voice may break up on a busy "
-                           "machine",
-                           static_cast<int>(thread), raised.error.c_str());
-                return;
-            }
-            LogInfo("AudioPipeline: thread %d runs at real-time priority %d%s", static_cast<int>(thread),
-                    raised.priority, raised.throughRtkit ? ", granted by RealtimeKit" : "");
+        const RealtimeResult raised =
+            MakeThreadRealtime(audioThread, sched_get_priority_min(SCHED_FIFO) + kRealtimePriorityAboveMin);
+        if (!raised.ok) {
+            LogWarning("AudioPipeline: no real-time priority for the audio thread: %s; the voice may break up on a "
+                       "busy machine",
+                       raised.error.c_str());
+            return;
         }
+        LogInfo("AudioPipeline: the audio thread runs at real-time priority %d%s", raised.priority,
+                raised.throughRtkit ? ", granted by RealtimeKit" : "");
     }
 
     static void ShutDevices(Session& session)

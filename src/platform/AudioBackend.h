@@ -9,8 +9,6 @@
 
 #include "platform/ThreadMessages.h"
 
-#include <sys/types.h>
-
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -209,11 +207,6 @@ public:
         (void)device;
         return false;
     }
-
-    /// Kernel ids of the backend's own threads that hand recorded and played buffers over.
-    /// They carry the voice as much as the audio thread does and want the same priority.
-    /// Empty when the backend has none. May block briefly.
-    virtual std::vector<pid_t> StreamThreads() { return {}; }
 
     /// The mixer of a wave device.
     virtual unsigned GetMixerId(int device, WaveDirection direction, unsigned& mixerId) = 0;

@@ -330,12 +330,6 @@ public:
         return result != kMmOk ? result : OpenPulseWaveOut(m_context, name, format, shape, target, opened);
     }
 
-    std::vector<pid_t> StreamThreads() override
-    {
-        const pid_t loop = m_context->LoopThreadId();
-        return loop == 0 ? std::vector<pid_t>{} : std::vector<pid_t>{loop};
-    }
-
     bool HasEndpoints() override { return true; }
 
     bool ListEndpoints(WaveDirection direction, std::vector<EndpointInfo>& endpoints,

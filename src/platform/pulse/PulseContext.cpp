@@ -2,7 +2,6 @@
 #include "platform/pulse/PulseContext.h"
 
 #include "platform/AudioBackend.h"
-#include "platform/ProcessInfo.h"
 
 #include <pulse/error.h>
 #include <pulse/subscribe.h>
@@ -129,32 +128,6 @@ PulseContext::~PulseContext()
         DisconnectLocked();
     }
     m_loop.reset();
-}
-
-pid_t PulseContext::LoopThreadId()
-{
-    if (!m_loop)
-        return 0;
-    PulseLock lock(m_loop.get());
-    if (m_loopThread != 0)
-        return m_loopThread;
-    struct Question {
-        pa_threaded_mainloop* loop;
-        pid_t answer = 0;
-    } question{m_loop.get()};
-    pa_mainloop_api* api = pa_threaded_mainloop_get_api(m_loop.get());
-    pa_mainloop_api_once(
-        api,
-        [](pa_mainloop_api*, void* data) {
-            auto* asked = static_cast<Question*>(data);
-            asked->answer = static_cast<pid_t>(CurrentThreadId());
-            pa_threaded_mainloop_signal(asked->loop, 0);
-        },
-        &question);
-    while (question.answer == 0)
-        pa_threaded_mainloop_wait(m_loop.get());
-    m_loopThread = question.answer;
-    return m_loopThread;
 }
 
 void PulseContext::DisconnectLocked()

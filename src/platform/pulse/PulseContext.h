@@ -10,7 +10,6 @@
 #include <pulse/introspect.h>
 #include <pulse/stream.h>
 #include <pulse/thread-mainloop.h>
-#include <sys/types.h>
 
 #include <atomic>
 #include <cstdint>
@@ -84,9 +83,6 @@ public:
     std::string LastError();
 
     pa_threaded_mainloop* Loop() const { return m_loop.get(); }
-    /// The kernel id of the loop thread, which hands every stream's buffers over (0 when the
-    /// loop could not start).
-    pid_t LoopThreadId();
     /// The context; use it only with the lock held and after Ensure succeeded.
     pa_context* Context() const { return m_context.get(); }
     /// Waits (lock held, not on the loop thread) until `done` is true or the context fails.
@@ -140,7 +136,6 @@ private:
 
     std::string m_watchedSource;
     std::shared_ptr<std::atomic<int32_t>> m_recorders;
-    pid_t m_loopThread = 0;
     bool m_recounting = false;
     bool m_recountAgain = false;
     uint32_t m_watchedIndex = 0xFFFFFFFFU;
