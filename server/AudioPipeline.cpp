@@ -13,7 +13,6 @@
 #include "platform/ThreadMessages.h"
 #include "wmme.h"
 
-#include <pthread.h>
 #include <sched.h>
 #include <time.h>
 
@@ -165,8 +164,8 @@ struct Session {
     std::atomic<bool> lost{false};
     std::atomic<int64_t> lastInputNs{0};
     int64_t openedNs = 0;
-    // The audio thread's own: the device's under-run count last seen, blocks fed since the
-    // pipeline last paused, and how many of them still count as resuming.
+    // The audio thread's own: what it knows of the under-runs of the virtual microphone and of
+    // the listen-in device, and how many fed blocks still count as resuming.
     UnderrunWatch outWatch;
     UnderrunWatch monitorWatch;
     uint32_t graceBlocks = 0;
