@@ -13,6 +13,8 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   # WAV decoding and resampling; sox as the reference in the import benchmark
   libsndfile1-dev libsoxr-dev sox
+  # noise suppression of the microphone in the voice service
+  libspeexdsp-dev
   # sound generation (scripts/make-sounds.sh)
   sox espeak-ng
   # third-party VST 2 plug-ins the effect host is tested against

@@ -21,6 +21,7 @@
 #include <deque>
 #include <future>
 #include <map>
+#include <optional>
 #include <set>
 #include <vector>
 
@@ -159,6 +160,7 @@ struct Session {
     BufferPool monPool;
     std::vector<int16_t> work;
     uint32_t blockSamples = 0;
+    std::unique_ptr<VoiceCleaner> cleaner;
     DeviceSettings devices;
     std::thread audio;
     std::atomic<bool> lost{false};
@@ -394,6 +396,15 @@ struct AudioPipeline::Control {
         const int listen = state.settings ? state.settings->m_listen : 0;
         plan->monitor = state.monitorOn && (listen == 0 || state.activeEffect >= 0);
         plan->monitorVolume = static_cast<uint8_t>(std::clamp(state.monitorVol, 0, 100));
+        if (state.settings) {
+            const Config& settings = *state.settings;
+            plan->voice = VoiceCleaner::Clamped({settings.m_noiseSuppression, settings.m_noiseStrength,
+                                                 settings.m_gate, settings.m_gateThreshold});
+        }
+        if (!m_loggedVoice || !(*m_loggedVoice == plan->voice)) {
+            LogVoiceCleanup(plan->voice);
+            m_loggedVoice = plan->voice;
+        }
 
         ForgetUnusedSounds(*plan);
         MixPlan* published = plan.get();
@@ -404,6 +415,13 @@ struct AudioPipeline::Control {
         // A sound that cannot be read ends at once, so the panel does not show it playing.
         for (const EndedFunSound& ended : unplayable)
             Notify(ended);
+    }
+
+    static void LogVoiceCleanup(const VoiceCleanup& voice)
+    {
+        const std::string noise = voice.noiseSuppression ? "on, up to " + std::to_string(voice.noiseStrengthDb) + " dB" : "off";
+        const std::string gate = voice.gate ? "opens at " + std::to_string(voice.gateThresholdDb) + " dBFS" : "off";
+        LogInfo("AudioPipeline: noise suppression %s; noise gate %s", noise.c_str(), gate.c_str());
     }
 
     void ForgetUnusedSounds(const MixPlan& plan)
@@ -630,6 +648,10 @@ struct AudioPipeline::Control {
         session->outPool.Allocate(devices.outCount, session->blockSamples);
         session->monPool.Allocate(session->monitor ? devices.monCount : 0, session->blockSamples);
         session->work.assign(session->blockSamples, 0);
+        session->cleaner = std::make_unique<VoiceCleaner>(session->blockSamples, kSampleRate);
+        LogInfo("AudioPipeline: the microphone is cleaned in frames of %u samples (%.1f ms of delay)",
+                session->cleaner->LatencySamples(),
+                session->cleaner->LatencySamples() * 1000.0 / kSampleRate);
         for (uint32_t i = 0; i < session->inPool.count; ++i)
             session->in->PrepareHeader(session->inPool.headers[i]);
         for (uint32_t i = 0; i < session->outPool.count; ++i)
@@ -838,6 +860,7 @@ struct AudioPipeline::Control {
             return;
         }
         if (plan != nullptr) {
+            session.cleaner->ProcessRT(samples, count, plan->voice);
             ProcessEffectRT(*plan, samples, count);
             MixSoundsRT(*plan, samples, count, true, *m_ended);
         }
@@ -930,6 +953,7 @@ struct AudioPipeline::Control {
     int64_t m_inUsePollNs = 0;
     bool m_outage = false;
     bool m_loggedIdle = false;
+    std::optional<VoiceCleanup> m_loggedVoice;
     bool m_hintedIdle = false; // what the recording device was last told
     std::string m_lastOpenFailure;
     uint64_t m_loggedUnderruns = 0;

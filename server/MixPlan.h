@@ -7,6 +7,7 @@
 #pragma once
 
 #include "PipelineSound.h"
+#include "VoiceCleaner.h"
 #include "WaitFreeRing.h"
 #include "effect.h"
 
@@ -52,6 +53,8 @@ struct MixPlan {
     std::vector<FunSound> funSounds;
     bool monitor = false;
     uint8_t monitorVolume = 100;
+    /// Noise suppression and gate before the effect.
+    VoiceCleanup voice;
 
     // Owned by the audio thread once the plan is published; sized by the builder.
     size_t backgroundPosition = 0;

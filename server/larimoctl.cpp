@@ -38,6 +38,9 @@ const char* const kHelp =
     "  stop-all                 voice effect and background off, every fun sound stopped\n"
     "  listen on|off|toggle     hear yourself through the listen-in device\n"
     "  listen-volume V          listen-in volume, 0 to 100\n"
+    "  noise on|off             suppress the steady noise behind your voice (a fan, a room)\n"
+    "  gate on|off|DB           silence the microphone while you do not speak; DB is the\n"
+    "                           level in dBFS at which it opens, -80 to -10 (for example -45)\n"
     "  reload                   make the voice service read the settings files again\n"
     "  errors                   print (and clear) the errors the voice service collected\n"
     "\n"
@@ -79,6 +82,11 @@ int Status(const Config& settings, const std::shared_ptr<MoIpcCli>& client)
         backText += ", volume " + std::to_string(settings.m_backSounds[back].m_volume);
     std::printf("Background sound: %s\n", backText.c_str());
     std::printf("Listen-in: %s, volume %u\n", settings.m_monitorOn ? "on" : "off", settings.m_monitorVol);
+    std::printf("Noise suppression: %s\n",
+                settings.m_noiseSuppression ? ("on, up to " + std::to_string(settings.m_noiseStrength) + " dB").c_str()
+                                            : "off");
+    std::printf("Noise gate: %s\n",
+                settings.m_gate ? ("opens at " + std::to_string(settings.m_gateThreshold) + " dBFS").c_str() : "off");
     if (!client)
         return kNotRunning;
     std::vector<bool> playing;
@@ -169,6 +177,21 @@ int Run(const std::vector<std::string_view>& args)
         if (!ParseNumber(args[1], 0, 100, value))
             return Usage("expected a volume 0 to 100.");
         actions.ChangeMonitorLvl(value);
+        return done;
+    }
+    if (command == "noise" && argCount == 1) {
+        if (args[1] != "on" && args[1] != "off")
+            return Usage("expected 'on' or 'off'.");
+        actions.SetNoiseSuppression(args[1] == "on");
+        return done;
+    }
+    if (command == "gate" && argCount == 1) {
+        if (args[1] == "on" || args[1] == "off")
+            actions.SetGate(args[1] == "on");
+        else if (ParseNumber(args[1], -80, -10, value))
+            actions.SetGateThreshold(value);
+        else
+            return Usage("expected 'on', 'off' or a level in dBFS from -80 to -10.");
         return done;
     }
     if (command == "reload" && argCount == 0) {

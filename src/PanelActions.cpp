@@ -130,6 +130,33 @@ void PanelActions::ChangeMonitorLvl(int level)
     m_settings.WriteMonitor();
 }
 
+void PanelActions::SetNoiseSuppression(bool on)
+{
+    m_settings.m_noiseSuppression = on;
+    ApplyVoice("PanelActions::SetNoiseSuppression");
+}
+
+void PanelActions::SetGate(bool on)
+{
+    m_settings.m_gate = on;
+    ApplyVoice("PanelActions::SetGate");
+}
+
+void PanelActions::SetGateThreshold(int thresholdDb)
+{
+    m_settings.m_gate = true;
+    m_settings.m_gateThreshold = std::clamp(thresholdDb, -80, -10);
+    ApplyVoice("PanelActions::SetGateThreshold");
+}
+
+void PanelActions::ApplyVoice(const char* scope)
+{
+    LogInfo("%s: noise suppression %d (%d dB), gate %d (%d dBFS)", scope, m_settings.m_noiseSuppression ? 1 : 0,
+            m_settings.m_noiseStrength, m_settings.m_gate ? 1 : 0, m_settings.m_gateThreshold);
+    m_settings.WriteVoice();
+    Send(scope, [](MoIpcCli& client) { return client.SrvUpdate(); });
+}
+
 void PanelActions::StopAll()
 {
     SelectSound(-1);

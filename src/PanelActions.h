@@ -37,6 +37,13 @@ public:
     /// Listen-in volume 0..100 (clamped); writes the monitor section.
     void ChangeMonitorLvl(int level);
 
+    /// What the service does to the microphone before the voice effect: noise suppression on or
+    /// off, the gate on or off, or the gate on at `thresholdDb` dBFS (clamped to -80..-10). Each
+    /// writes the voice section and has the service read the settings again.
+    void SetNoiseSuppression(bool on);
+    void SetGate(bool on);
+    void SetGateThreshold(int thresholdDb);
+
     /// Background and effect off, every fun sound stopped.
     void StopAll();
 
@@ -48,6 +55,8 @@ public:
     static std::shared_ptr<MoIpcCli> Client();
 
 private:
+    void ApplyVoice(const char* scope);
+
     Config& m_settings;
 };
 

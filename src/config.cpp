@@ -63,6 +63,7 @@ constexpr std::string_view kEmotics = "emotics";
 constexpr std::string_view kSoundCards = "soundcards";
 constexpr std::string_view kStream = "stream";
 constexpr std::string_view kMonitors = "monitors";
+constexpr std::string_view kVoice = "voice";
 constexpr std::string_view kShortcuts = "Shortcuts";
 
 // Shortcut texts are read through a small buffer; longer texts are not shortcuts anyway.
@@ -396,6 +397,34 @@ void Config::WriteShortcuts(IniDocument& document) const
         document.Set(kShortcuts, kShortcutKeys[i], ShortcutToText(m_shortcuts[i]));
 }
 
+// --- voice -------------------------------------------------------------------------------------
+
+void Config::ReadVoice()
+{
+    ReadVoice(LoadConfigFile());
+}
+
+void Config::ReadVoice(const IniDocument& document)
+{
+    m_noiseSuppression = document.Get(kVoice, "noiseSuppression", "1").starts_with('1');
+    m_noiseStrength = std::clamp(ReadProfileInteger<int32_t>(document, kVoice, "noiseStrength", 25), 6, 50);
+    m_gate = document.Get(kVoice, "gate", "0").starts_with('1');
+    m_gateThreshold = std::clamp(ReadProfileInteger<int32_t>(document, kVoice, "gateThreshold", -50), -80, -10);
+}
+
+bool Config::WriteVoice() const
+{
+    return UpdateConfigFile(&Config::WriteVoice);
+}
+
+void Config::WriteVoice(IniDocument& document) const
+{
+    document.Set(kVoice, "noiseSuppression", Flag(m_noiseSuppression));
+    document.Set(kVoice, "noiseStrength", FormatInteger(m_noiseStrength));
+    document.Set(kVoice, "gate", Flag(m_gate));
+    document.Set(kVoice, "gateThreshold", FormatInteger(m_gateThreshold));
+}
+
 // --- voiceeffects.ini --------------------------------------------------------------------------
 
 void Config::ReadEffects()
@@ -424,6 +453,7 @@ void Config::LoadAll()
     ReadStream(document);
     ReadMonitor(document);
     ReadShortcuts(document);
+    ReadVoice(document);
     LogLeave("Config::LoadAll");
 }
 
@@ -440,6 +470,7 @@ bool Config::SaveAll() const
         WriteStream(document);
         WriteMonitor(document);
         WriteShortcuts(document);
+        WriteVoice(document);
     });
     const bool effectsSaved = WriteEffects();
     LogLeaveResult("Config::SaveAll", configSaved && effectsSaved);

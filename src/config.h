@@ -92,6 +92,7 @@ public:
     void ReadStream();
     void ReadMonitor();
     void ReadShortcuts();
+    void ReadVoice();
     void ReadEffects();
 
     // Writing returns false (a log record says why) when the file could not be written; the file
@@ -106,14 +107,15 @@ public:
     bool WriteStream() const;
     bool WriteMonitor() const;
     bool WriteShortcuts() const;
+    bool WriteVoice() const;
     /// Replaces the whole of "voiceeffects.ini".
     bool WriteEffects() const;
 
     /// Reads both files, each once: the definitions, then effect slots, background slots,
-    /// fun sounds, sound cards, general keys, stream, monitor and shortcuts.
+    /// fun sounds, sound cards, general keys, stream, monitor, shortcuts and voice.
     void LoadAll();
     /// Writes "config.ini" in one replacement (effect slots, background slots, fun sounds,
-    /// sound cards, general keys, stream, monitor, shortcuts, in this order) and replaces
+    /// sound cards, general keys, stream, monitor, shortcuts, voice, in this order) and replaces
     /// "voiceeffects.ini". True when both were written.
     bool SaveAll() const;
 
@@ -171,6 +173,12 @@ public:
     // Shortcuts, indexed by ShortcutAction (see keyboard.h for the value)
     std::array<uint64_t, kShortcutCount> m_shortcuts {};
 
+    // voice: what the service does to the microphone before the voice effect
+    bool m_noiseSuppression = true;
+    int32_t m_noiseStrength = 25;  // dB the suppressor may take off, 6 to 50
+    bool m_gate = false;
+    int32_t m_gateThreshold = -50; // dBFS at which the gate opens, -80 to -10
+
 private:
     void ReadGeneral(const IniDocument& document);
     void ReadEffectSlots(const IniDocument& document);
@@ -180,6 +188,7 @@ private:
     void ReadStream(const IniDocument& document);
     void ReadMonitor(const IniDocument& document);
     void ReadShortcuts(const IniDocument& document);
+    void ReadVoice(const IniDocument& document);
 
     void WriteGeneral(IniDocument& document) const;
     void WriteEffectSlots(IniDocument& document) const;
@@ -189,6 +198,7 @@ private:
     void WriteStream(IniDocument& document) const;
     void WriteMonitor(IniDocument& document) const;
     void WriteShortcuts(IniDocument& document) const;
+    void WriteVoice(IniDocument& document) const;
 
     IniDocument LoadConfigFile() const;
     bool UpdateConfigFile(void (Config::*write)(IniDocument&) const) const;

@@ -238,6 +238,10 @@ def main():
     try:
         run.start_service()
         run.start_tone()
+        # The voice here is a steady tone, which noise suppression would rightly fade as noise.
+        cleaned = run.ctl("noise", "off")
+        if cleaned.returncode != 0:
+            raise AssertionError(f"larimoctl noise off failed: {cleaned.stdout}{cleaned.stderr}")
         selected = run.ctl("effect", "1")
         if selected.returncode != 0:
             raise AssertionError(f"larimoctl effect 1 failed: {selected.stdout}{selected.stderr}")

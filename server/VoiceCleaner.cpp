@@ -1,0 +1,136 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "VoiceCleaner.h"
+
+#include <speex/speex_preprocess.h>
+
+#include <algorithm>
+#include <cmath>
+#include <new>
+
+namespace larimo {
+
+namespace {
+
+float DbToLinear(float db)
+{
+    return std::pow(10.0f, db / 20.0f) * 32768.0f;
+}
+
+} // namespace
+
+uint32_t VoiceCleaner::FrameFor(uint32_t blockSamples, uint32_t sampleRate)
+{
+    const uint32_t longest = sampleRate / 80;  // 12.5 ms
+    const uint32_t shortest = sampleRate / 200; // 5 ms
+    if (blockSamples <= longest)
+        return std::max<uint32_t>(blockSamples, 1);
+    for (uint32_t frame = longest; frame >= shortest; --frame) {
+        if (blockSamples % frame == 0)
+            return frame;
+    }
+    return blockSamples;
+}
+
+VoiceCleanup VoiceCleaner::Clamped(VoiceCleanup settings)
+{
+    settings.noiseStrengthDb = std::clamp(settings.noiseStrengthDb, kMinStrengthDb, kMaxStrengthDb);
+    settings.gateThresholdDb = std::clamp(settings.gateThresholdDb, kMinThresholdDb, kMaxThresholdDb);
+    return settings;
+}
+
+VoiceCleaner::VoiceCleaner(uint32_t blockSamples, uint32_t sampleRate)
+    : m_frame(FrameFor(blockSamples, sampleRate))
+    , m_sampleRate(sampleRate)
+{
+    m_state = speex_preprocess_state_init(static_cast<int>(m_frame), static_cast<int>(sampleRate));
+    if (m_state == nullptr)
+        throw std::bad_alloc();
+    int off = 0;
+    speex_preprocess_ctl(m_state, SPEEX_PREPROCESS_SET_AGC, &off);
+    speex_preprocess_ctl(m_state, SPEEX_PREPROCESS_SET_DEREVERB, &off);
+
+    const float rate = static_cast<float>(sampleRate);
+    // The envelope falls by 60 dB in 50 ms: fast enough to see a pause, slow enough not to
+    // follow the single periods of a low voice.
+    m_envelopeFall = std::pow(10.0f, -3.0f / (0.050f * rate));
+    m_attackStep = 1.0f / std::max(1.0f, kAttackMs * 0.001f * rate);
+    m_releaseStep = 1.0f / std::max(1.0f, kReleaseMs * 0.001f * rate);
+    m_holdSamples = static_cast<uint32_t>(kHoldMs * 0.001f * rate);
+}
+
+VoiceCleaner::~VoiceCleaner()
+{
+    speex_preprocess_state_destroy(m_state);
+}
+
+void VoiceCleaner::ApplySettingsRT(const VoiceCleanup& settings) noexcept
+{
+    if (m_appliedOnce && settings == m_applied)
+        return;
+    // Neither request allocates: they set fields the next frame reads.
+    int denoise = settings.noiseSuppression ? 1 : 0;
+    speex_preprocess_ctl(m_state, SPEEX_PREPROCESS_SET_DENOISE, &denoise);
+    int suppress = -std::clamp(settings.noiseStrengthDb, kMinStrengthDb, kMaxStrengthDb);
+    speex_preprocess_ctl(m_state, SPEEX_PREPROCESS_SET_NOISE_SUPPRESS, &suppress);
+    if (settings.gate && (!m_appliedOnce || !m_applied.gate)) {
+        // A gate switched on starts open, so a word in progress is not cut.
+        m_open = true;
+        m_gain = 1.0f;
+        m_holdLeft = m_holdSamples;
+    }
+    m_applied = settings;
+    m_appliedOnce = true;
+}
+
+void VoiceCleaner::ProcessRT(int16_t* samples, size_t count, const VoiceCleanup& settings) noexcept
+{
+    ApplySettingsRT(settings);
+
+    int peak = 0;
+    for (size_t i = 0; i < count; ++i)
+        peak = std::max(peak, std::abs(static_cast<int>(samples[i])));
+    m_levelDb.store(peak > 0 ? 20.0f * std::log10(static_cast<float>(peak) / 32768.0f) : -120.0f,
+                    std::memory_order_relaxed);
+
+    // Whole frames go through the suppressor. A short last block (the device handed less than
+    // a block) leaves its tail to the gate alone rather than feeding a partial frame.
+    size_t done = 0;
+    while (count - done >= m_frame) {
+        speex_preprocess_run(m_state, samples + done);
+        done += m_frame;
+    }
+
+    if (m_applied.gate)
+        GateRT(samples, count, static_cast<float>(std::clamp(m_applied.gateThresholdDb, kMinThresholdDb,
+                                                             kMaxThresholdDb)));
+    m_gateOpenNow.store(!m_applied.gate || m_open, std::memory_order_relaxed);
+}
+
+void VoiceCleaner::GateRT(int16_t* samples, size_t count, float thresholdDb) noexcept
+{
+    const float openAt = DbToLinear(thresholdDb);
+    const float closeBelow = DbToLinear(thresholdDb - kHysteresisDb);
+    for (size_t i = 0; i < count; ++i) {
+        const float level = std::fabs(static_cast<float>(samples[i]));
+        m_envelope = std::max(level, m_envelope * m_envelopeFall);
+        if (m_envelope >= openAt) {
+            m_open = true;
+            m_holdLeft = m_holdSamples;
+        } else if (m_envelope >= closeBelow && m_open) {
+            m_holdLeft = m_holdSamples;
+        } else if (m_holdLeft > 0) {
+            --m_holdLeft;
+        } else {
+            m_open = false;
+        }
+        // Linear ramps: 1 ms up, so the start of a word comes through; 80 ms down, so its end
+        // fades instead of being chopped.
+        if (m_open)
+            m_gain = std::min(1.0f, m_gain + m_attackStep);
+        else
+            m_gain = std::max(0.0f, m_gain - m_releaseStep);
+        samples[i] = static_cast<int16_t>(std::lrint(static_cast<float>(samples[i]) * m_gain));
+    }
+}
+
+} // namespace larimo
