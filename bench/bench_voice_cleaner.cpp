@@ -5,7 +5,7 @@
 // change. Goals: at most 1 % of one core at 25 ms blocks, no more than one block of delay,
 // the room 20 dB down, the voice within 2 dB, its onsets within 3 dB.
 #include "NoisySpeech.h"
-#include "server/VoiceCleaner.h"
+#include "VoiceCleaner.h"
 
 #include <benchmark/benchmark.h>
 

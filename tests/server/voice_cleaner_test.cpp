@@ -3,7 +3,7 @@
 // voice keeps its level and the first syllable after a pause is not cut; switched off it passes
 // the voice unchanged, only delayed, and switching never opens a gap.
 #include "NoisySpeech.h"
-#include "server/VoiceCleaner.h"
+#include "VoiceCleaner.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Cleans the microphone's sound before the voice effect: steady background noise (a fan, the
 // hum of a room, traffic) is suppressed by speexdsp's preprocessor, and a noise gate closes
-// while the user is silent, so the effect transforms the voice and nothing behind it.
+// while the user is silent, so the effect transforms the voice and nothing behind it. The
+// voice service runs it on its audio thread; the options run one on the live microphone to
+// show the user what the gate does.
 #pragma once
 
 #include <atomic>
