@@ -24,10 +24,8 @@ QApplication& Application()
     static char* argv[] = {name, nullptr};
     if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
         qputenv("QT_QPA_PLATFORM", "offscreen");
-    // Never destroyed: statics Qt creates after the application (seen once a page has recorded
-    // from a sound device) are gone before exit would run its destructor, which then crashes.
-    static auto* app = new QApplication(argc, argv);
-    return *app;
+    static QApplication app(argc, argv);
+    return app;
 }
 
 uint32_t Le32(const std::vector<char>& bytes, std::size_t at)

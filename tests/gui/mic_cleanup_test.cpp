@@ -3,15 +3,21 @@
 // sliders edit the settings they were given, and its meter hears the fake microphone and shows
 // the gate open above the threshold and closed below it.
 #include "MicCleanupGroup.h"
-#include "WizardTestSupport.h"
+#include "WizardPage.h"
 #include "platform/pulse/PulseBackend.h"
+#include "texts.h"
+#include "wintools.h"
 
 #include <gtest/gtest.h>
 
+#include <QApplication>
 #include <QCheckBox>
+#include <QElapsedTimer>
 #include <QSlider>
 
 #include <cstdio>
+#include <filesystem>
+#include <functional>
 #include <string>
 
 namespace larimo {
@@ -33,11 +39,38 @@ std::string Pactl(const std::string& arguments)
     return output;
 }
 
-class MicCleanupGroupTest : public WizardFixture {
+bool WaitUntil(const std::function<bool()>& done, int timeoutMs)
+{
+    QElapsedTimer clock;
+    clock.start();
+    while (!done()) {
+        if (clock.elapsed() > timeoutMs)
+            return false;
+        QApplication::processEvents(QEventLoop::AllEvents, 20);
+    }
+    return true;
+}
+
+template <typename T>
+T* Ctrl(QWidget& parent, int id)
+{
+    for (T* widget : parent.findChildren<T*>()) {
+        if (widget->property(kCtrlIdProperty).toInt() == id)
+            return widget;
+    }
+    return nullptr;
+}
+
+class MicCleanupGroupTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        WizardFixture::SetUp();
+        m_root = std::filesystem::temp_directory_path() / ("larimo-mic-" + std::to_string(::getpid()));
+        std::filesystem::create_directories(m_root);
+        SetDataRoot(m_root.string());
+        static const bool texts = StartTexts(LARIMO_SOURCE_DIR "/data/lang/", LARIMO_SOURCE_DIR "/data/lang/larimo_en.tra");
+        ASSERT_TRUE(texts);
+        m_settings = Config(m_root.string());
         // Our own sound server connection, closed before the process ends.
         m_previous = SetAudioBackend(CreatePulseBackend());
     }
@@ -48,9 +81,11 @@ protected:
             Pactl("unload-module " + m_tone);
         Pactl("set-sink-volume mic_feed 100%");
         SetAudioBackend(m_previous);
-        WizardFixture::TearDown();
+        std::filesystem::remove_all(m_root);
     }
 
+    std::filesystem::path m_root;
+    Config m_settings;
     std::string m_tone;
     std::shared_ptr<AudioBackend> m_previous;
 };
@@ -124,3 +159,13 @@ TEST_F(MicCleanupGroupTest, MeterHearsTheMicrophoneAndShowsWhereTheGateOpens)
 
 } // namespace
 } // namespace larimo
+
+// The application ends with main, while Qt's own statics still exist.
+int main(int argc, char** argv)
+{
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    QApplication app(argc, argv);
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}

@@ -97,6 +97,8 @@ protected:
         LibInit(m_root.string());
         m_settings = std::make_shared<Config>(m_root.string());
         m_settings->m_inBuffSizeMs = 10;
+        // The cases find the voice sample by sample in what is played: nothing may clean it.
+        m_settings->m_noiseSuppression = false;
         m_settings->m_inBuffsN = 8;
         m_settings->m_outBuffsN = 8;
         m_settings->m_monBuffsN = 8;
