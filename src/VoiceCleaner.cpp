@@ -40,7 +40,6 @@ VoiceCleanup VoiceCleaner::Clamped(VoiceCleanup settings)
 
 VoiceCleaner::VoiceCleaner(uint32_t blockSamples, uint32_t sampleRate)
     : m_frame(FrameFor(blockSamples, sampleRate))
-    , m_sampleRate(sampleRate)
 {
     m_state = speex_preprocess_state_init(static_cast<int>(m_frame), static_cast<int>(sampleRate));
     if (m_state == nullptr)

@@ -69,7 +69,6 @@ private:
 
     SpeexPreprocessState_* m_state = nullptr;
     uint32_t m_frame = 0;
-    uint32_t m_sampleRate = 0;
     VoiceCleanup m_applied;
     bool m_appliedOnce = false;
 
