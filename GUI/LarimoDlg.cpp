@@ -2,6 +2,7 @@
 #include "LarimoDlg.h"
 
 #include "AboutDlg.h"
+#include "OptionsSheet.h"
 #include "platform/GlobalHotKeys.h"
 
 #include "FFButton.h"
@@ -168,9 +169,6 @@ void CLarimoDlg::CreateControls()
     }
     // The lamp only shows; the template has it disabled so skins draw it with those bitmaps.
     ControlAs<CFFButton>(kDeviceLed)->Enable(false);
-    auto* options = ControlAs<CFFButton>(kOptions);
-    options->Enable(false);
-    options->setToolTip(tr("The options sheet comes in a later version of Larimo."));
 }
 
 void CLarimoDlg::WireControls()
@@ -189,6 +187,7 @@ void CLarimoDlg::WireControls()
     connect(ControlAs<CFFButton>(kStopAll), &CFFButton::Clicked, this, [this] { StopAll(); });
     connect(ControlAs<CFFButton>(kHelp), &CFFButton::Clicked, this, [this] { OnHelp(); });
     connect(ControlAs<CFFButton>(kAbout), &CFFButton::Clicked, this, [this] { OnAbout(); });
+    connect(ControlAs<CFFButton>(kOptions), &CFFButton::Clicked, this, [this] { OnOptions(); });
     connect(ControlAs<CFFButton>(kMinimize), &CFFButton::Clicked, this, [this] { MinimizeToTray(); });
     connect(ControlAs<CFFButton>(kExit), &CFFButton::Clicked, this, [this] { OnExit(); });
     auto* list = ControlAs<CMoListBox>(kFunSoundList);
@@ -870,6 +869,17 @@ void CLarimoDlg::OnAbout()
 {
     CAboutDlg about(m_settings.m_homePage, this);
     about.exec();
+}
+
+void CLarimoDlg::OnOptions()
+{
+    LogScopeInfo("CLarimoDlg::OnOptions");
+    {
+        COptionsSheet sheet(this, m_settings, &m_connected);
+        sheet.AddPages(ControlAs<CMoListBox>(kFunSoundList));
+        sheet.exec();
+    }
+    UpdateParams(m_settings);
 }
 
 void CLarimoDlg::OnHelp()

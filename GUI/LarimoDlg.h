@@ -109,6 +109,8 @@ public:
     void OnLbnSelchangeEmoticList();
     void OnHotKey(int index);
     void OnAbout();
+    /// The options sheet, modal; afterwards the window follows the settings again.
+    void OnOptions();
     void OnHelp();
     void MinimizeToTray();
     void RestoreFromTray();

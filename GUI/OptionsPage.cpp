@@ -1,0 +1,182 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "OptionsPage.h"
+
+#include "OptionsSheet.h"
+#include "config.h"
+#include "error.h"
+#include "help.h"
+#include "mlog.h"
+#include "moipc_cli.h"
+#include "texts.h"
+
+#include <QKeyEvent>
+#include <QLabel>
+#include <QVBoxLayout>
+
+namespace larimo {
+
+namespace {
+
+// The texts of the tab titles and of a page that is not there yet.
+constexpr unsigned kTitleTexts[][2] = {
+    {kPageEffects, 300}, {kPageBackSounds, 301}, {kPageEmotics, 302}, {kPageShortcuts, 303}, {kPageSoundCard, 304},
+};
+constexpr unsigned kPendingText = 305;
+
+void* Owner(QWidget* widget)
+{
+    return static_cast<void*>(widget);
+}
+
+} // namespace
+
+QString OptionsPageTitle(int templateId)
+{
+    for (const auto& [id, text] : kTitleTexts) {
+        if (static_cast<int>(id) == templateId)
+            return QString::fromStdString(GetText(text));
+    }
+    return {};
+}
+
+CMyPropertyPage::CMyPropertyPage(int templateId, QWidget* parent)
+    : QWidget(parent)
+    , m_templateId(templateId)
+{
+    setObjectName(QStringLiteral("page%1").arg(templateId));
+}
+
+QString CMyPropertyPage::Title() const
+{
+    return OptionsPageTitle(m_templateId);
+}
+
+void CMyPropertyPage::keyPressEvent(QKeyEvent* event)
+{
+    if (event->key() == Qt::Key_F1) {
+        ShowHelp();
+        event->accept();
+        return;
+    }
+    QWidget::keyPressEvent(event);
+}
+
+bool COptionsPage::s_modified = false;
+
+COptionsPage::COptionsPage(COptionsSheet& sheet, int templateId)
+    : CMyPropertyPage(templateId)
+    , m_sheet(sheet)
+{
+    s_modified = false;
+}
+
+Config& COptionsPage::Working()
+{
+    return m_sheet.Working();
+}
+
+const Config& COptionsPage::Real() const
+{
+    return m_sheet.Real();
+}
+
+TestStream& COptionsPage::Test()
+{
+    return m_sheet.Test();
+}
+
+void COptionsPage::SetModified(bool modified)
+{
+    s_modified = modified;
+    m_sheet.SetPageModified(this, modified);
+}
+
+bool COptionsPage::IsModified()
+{
+    return s_modified;
+}
+
+bool COptionsPage::OnApply()
+{
+    if (!s_modified)
+        return true;
+    s_modified = false;
+    LogScopeInfo("COptionsPage::OnApply");
+    // The devices may have changed: the preview stream opens them again, so a preview that
+    // plays now ends first and its page hears of it.
+    if (Test().IsRunning())
+        Test().Stop();
+    Test().InitTestStream(Working(), Owner(this));
+    m_sheet.Real() = Working();
+    m_sheet.Real().SaveAll();
+    if (const auto client = CommandClient())
+        client->SrvUpdate();
+    return true;
+}
+
+void COptionsPage::OnCancel()
+{
+    s_modified = false;
+}
+
+bool COptionsPage::OnSetActive()
+{
+    LogInfo("Page changed");
+    Test().SetOwner(this);
+    return true;
+}
+
+bool COptionsPage::OnKillActive()
+{
+    Test().Stop();
+    Test().SetOwner(nullptr);
+    return true;
+}
+
+void COptionsPage::MonitorOff()
+{
+    m_sheet.MonitorOff();
+}
+
+void COptionsPage::MonitorRestore()
+{
+    m_sheet.MonitorRestore();
+}
+
+void COptionsPage::ShowHelp()
+{
+    HelpShow(Owner(this), TemplateId());
+}
+
+void COptionsPage::ErrorBox(const std::string& text)
+{
+    ShowMessage(Owner(this), MB_OK | MB_ICONERROR, "%s", text.c_str());
+}
+
+void COptionsPage::WarningBox(const std::string& text)
+{
+    ShowMessage(Owner(this), MB_OK | MB_ICONWARNING, "%s", text.c_str());
+}
+
+bool COptionsPage::AskQuestion(const std::string& text)
+{
+    return ShowMessage(Owner(this), MB_YESNO | MB_ICONQUESTION, "%s", text.c_str()) == IDYES;
+}
+
+bool COptionsPage::AskWarningQuestion(const std::string& text)
+{
+    return ShowMessage(Owner(this), MB_YESNO | MB_ICONWARNING, "%s", text.c_str()) == IDYES;
+}
+
+CPgPending::CPgPending(COptionsSheet& sheet, int templateId)
+    : COptionsPage(sheet, templateId)
+{
+    auto* layout = new QVBoxLayout(this);
+    auto* text = new QLabel(QString::fromStdString(GetText(kPendingText)), this);
+    text->setObjectName(QStringLiteral("pendingText"));
+    text->setWordWrap(true);
+    text->setAlignment(Qt::AlignCenter);
+    layout->addWidget(text);
+}
+
+} // namespace larimo
