@@ -152,6 +152,8 @@ void LarimoServer::ServeRequest()
     uint32_t size = 0;
     std::memcpy(&code, view + kIpcCommandOffset, 4);
     std::memcpy(&size, view + kIpcSizeWordOffset, 4);
+    // One line per command: what the service was asked, in order, is what support needs first.
+    LogInfo("Request %u, %u bytes", code, size);
 
     CommandDispatcher::Result result;
     if (size > capacity) {
