@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "init.h"
 
+#include "VSTEditDialog.h"
+
 #include "LarimoDlg.h"
 #include "QtMessageBoxSink.h"
 #include "wizard.h"
@@ -43,6 +45,7 @@ public:
         if (m_textsStarted)
             EndTexts();
         SetHelpViewer(nullptr);
+        SetEffectParamWindowFactory(nullptr);
         if (m_sinkInstalled)
             SetMessageBoxSink(nullptr);
     }
@@ -100,6 +103,7 @@ CMoApp::Outcome CMoApp::InitInstance()
     general.ReadGeneral();
     SetHelpFilePath(folder + general.m_helpFile);
     SetHelpViewer(std::make_unique<DesktopHelpViewer>());
+    SetEffectParamWindowFactory(&VSTEditDialog::Make);
 
     if (!StartTexts(general.m_langsPath, general.m_langFile))
         return Outcome::kTextsFailed;

@@ -117,6 +117,7 @@ bool MoAudioEffect::GuardedOrDrop(const char* scope, Call&& call)
 void MoAudioEffect::ReportFault(const char* scope)
 {
     LogException("%s(): %s. Module: %s", scope, DescribeException(m_fault).c_str(), m_modulePath.c_str());
+    ++m_faultCount;
     m_moduleFaulted = true;
     Terminate();
 }
@@ -451,6 +452,25 @@ float MoAudioEffect::GetParameter(int index)
     return value;
 }
 
+std::string MoAudioEffect::GetParamDisplay(int index)
+{
+    if (index < 0 || index >= GetNumParams())
+        return {};
+    return TrimBlanks(PluginText("MoAudioEffect::GetParamDisplay", vst::effGetParamDisplay, index));
+}
+
+std::string MoAudioEffect::GetParamLabel(int index)
+{
+    if (index < 0 || index >= GetNumParams())
+        return {};
+    return TrimBlanks(PluginText("MoAudioEffect::GetParamLabel", vst::effGetParamLabel, index));
+}
+
+std::string MoAudioEffect::LastFaultText() const
+{
+    return DescribeException(m_fault);
+}
+
 void MoAudioEffect::SetParameter(int index, float value)
 {
     if (index < 0 || index >= GetNumParams())
@@ -495,6 +515,7 @@ bool MoAudioEffect::EditOpen(uintptr_t nativeWindow, const std::string& title, v
         return true;
     ShowMessageBox(owner, DescribeException(m_fault) + "\nEffect editor will be closed", caption, MB_ICONERROR);
     LogException("Unhandled exception in effect %s", caption.c_str());
+    ++m_faultCount;
     m_moduleFaulted = true;
     Terminate();
     return false;

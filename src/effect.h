@@ -116,6 +116,9 @@ public:
     /// The trimmed name, or "Undefined parameter <index>" when the plug-in gives none.
     std::string GetParamName(int index);
     float GetParameter(int index);
+    /// The value as the plug-in shows it ("+5.0") and its unit ("st"); empty when it gives none.
+    std::string GetParamDisplay(int index);
+    std::string GetParamLabel(int index);
     void SetParameter(int index, float value);
     /// One entry per parameter: its value and name.
     void GetParams(std::vector<ParamValue>& params);
@@ -138,6 +141,11 @@ public:
     bool Config(void* parent, void* owner);
     /// Closes and destroys the parameter window. Control thread.
     void CloseConfig();
+
+    /// How many times plug-in code has faulted under this host (each fault drops the effect),
+    /// and the description of the last fault. Control thread.
+    unsigned FaultCount() const { return m_faultCount; }
+    std::string LastFaultText() const;
 
     const std::string& EffectName() const { return m_effectName; }
     const std::string& BaseName() const { return m_baseName; }
@@ -208,6 +216,7 @@ private:
     // The last fault on the control thread, and one the audio thread left for it to report.
     ExceptionRecord m_fault;
     ExceptionRecord m_audioFault;
+    unsigned m_faultCount = 0;
 
     std::unique_ptr<EffectParamWindow> m_paramWindow;
     void* m_listenerContext = nullptr;
