@@ -54,6 +54,9 @@ CMyPropertySheet::CMyPropertySheet(const QString& caption, QWidget* parent, int 
         m_buttons->button(which)->setText(Text(text));
     m_buttons->button(QDialogButtonBox::Apply)->setEnabled(false);
 
+    // Every tab title stays in view; pages may ask for more room than this.
+    m_tabs->setUsesScrollButtons(false);
+    m_tabs->setMinimumSize(560, 400);
     auto* layout = new QVBoxLayout(this);
     layout->addWidget(m_tabs, 1);
     layout->addWidget(m_buttons);

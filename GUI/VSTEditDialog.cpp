@@ -159,6 +159,7 @@ bool VSTEditDialog::ShowNotModal(void* parent)
         return false;
     }
     m_result = 0;
+    m_placed = false;
     m_window = new ParamWindowFrame(*this, nullptr);
     // Kept above the window it belongs to, but never owned by it: the effect owns this object.
     m_window->setWindowFlags(Qt::Dialog | Qt::WindowTitleHint | Qt::WindowSystemMenuHint |
@@ -364,7 +365,9 @@ void VSTEditDialog::OnTimer()
 
 void VSTEditDialog::OnMoved()
 {
-    g_position = m_window->geometry().topLeft();
+    // Showing the window moves it too, before it is placed; only moves after that count.
+    if (m_placed)
+        g_position = m_window->geometry().topLeft();
 }
 
 void VSTEditDialog::PlaceWindow()
@@ -386,6 +389,7 @@ void VSTEditDialog::PlaceWindow()
     const QPoint frameOffset = m_window->geometry().topLeft() - m_window->frameGeometry().topLeft();
     m_window->move(client - frameOffset);
     g_position = m_window->geometry().topLeft();
+    m_placed = true;
 }
 
 void VSTEditDialog::Close()

@@ -102,6 +102,7 @@ private:
     std::vector<Row> m_rows;
     int m_timer = 0;
     bool m_pluginEditor = false;
+    bool m_placed = false;
     int m_result = 0;
 };
 

@@ -141,6 +141,8 @@ public:
     bool Config(void* parent, void* owner);
     /// Closes and destroys the parameter window. Control thread.
     void CloseConfig();
+    /// The parameter window Config made, or null. Control thread.
+    EffectParamWindow* ParamWindow() const { return m_paramWindow.get(); }
 
     /// How many times plug-in code has faulted under this host (each fault drops the effect),
     /// and the description of the last fault. Control thread.

@@ -18,6 +18,7 @@
 #include "wintools.h"
 
 #include <QApplication>
+#include <QDir>
 #include <QLabel>
 #include <QPushButton>
 #include <QTabWidget>
@@ -298,6 +299,7 @@ TEST_F(OptionsSheetTest, TabsAreTheFivePagesInOrderEffectsFirstWithTheirHelp)
         EXPECT_EQ(sheet.Page(i)->TemplateId(), topics[i]);
     }
 
+    sheet.grab().save(QDir::tempPath() + "/larimo-options-sheet.png");
     sheet.PressHelp();
     sheet.SetActivePage(4);
     QTest::keyClick(sheet.Page(4), Qt::Key_F1);

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 
 #define LARIMO_PLUGIN_EXPORT extern "C" __attribute__((visibility("default"), used))
@@ -65,6 +66,13 @@ intptr_t Dispatcher(AEffect* effect, int32_t opcode, int32_t index, intptr_t /*v
     case effGetParamName:
         std::strcpy(static_cast<char*>(ptr), ParamName(index));
         return 0;
+    case effGetParamDisplay:
+        if (index >= 0 && index < kNumParams)
+            std::snprintf(static_cast<char*>(ptr), 8, "%d", static_cast<int>(g_params[index] * 100.0f + 0.5f));
+        return 0;
+    case effGetParamLabel:
+        std::strcpy(static_cast<char*>(ptr), "%");
+        return 0;
     case effEditGetRect:
         *static_cast<ERect**>(ptr) = &g_editorRect;
         return 1;
@@ -110,6 +118,8 @@ void ProcessAccumulating(AEffect* /*effect*/, float** inputs, float** outputs, i
 
 void SetParameter(AEffect* /*effect*/, int32_t index, float value)
 {
+    if constexpr (kKind == TestPluginKind::CrashOnParameter)
+        Crash();
     if (index >= 0 && index < kNumParams)
         g_params[index] = value;
 }
@@ -135,7 +145,7 @@ AEffect* Create(HostCallback host, const char* name)
     g_effect.dispatcher = &Dispatcher;
     g_effect.setParameter = &SetParameter;
     g_effect.getParameter = &GetParameter;
-    g_effect.numParams = kNumParams;
+    g_effect.numParams = kKind == TestPluginKind::NoParams ? 0 : kNumParams;
     g_effect.numInputs = kKind == TestPluginKind::Stereo ? 2 : 1;
     g_effect.numOutputs = kKind == TestPluginKind::Stereo ? 2 : kKind == TestPluginKind::NoOutputs ? 0 : 1;
     g_effect.ioRatio = 1.0f;

@@ -17,6 +17,8 @@ enum class TestPluginKind {
     NullEffect,     ///< the entry point returns null
     NoEntry,        ///< exports its entry point under a name hosts do not look for
     Accumulating,   ///< only the old accumulating process function
+    NoParams,       ///< no parameters and no editor
+    CrashOnParameter, ///< faults when a parameter is set
 };
 
 // Functions every test plug-in exports besides its entry points, for the tests to look into it.
