@@ -13,6 +13,7 @@
 #include <cctype>
 #include <cerrno>
 #include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <optional>
 #include <system_error>
@@ -43,6 +44,51 @@ void SetLastError(const std::string& text)
     Library& library = State();
     const std::lock_guard lock(library.lastErrorLock);
     library.lastError = text;
+}
+
+// The parts of an ELF header that say whether this program can load a file as a plug-in.
+constexpr size_t kElfHeaderBytes = 20;
+constexpr size_t kElfClassByte = 4;
+constexpr size_t kElfDataByte = 5;
+constexpr size_t kElfTypeOffset = 16;
+constexpr size_t kElfMachineOffset = 18;
+constexpr unsigned char kElfClass64 = 2;
+constexpr unsigned char kElfLittleEndian = 1;
+constexpr unsigned kElfSharedObject = 3;
+#if defined(__x86_64__)
+constexpr unsigned kHostElfMachine = 62;
+#elif defined(__aarch64__)
+constexpr unsigned kHostElfMachine = 183;
+#elif defined(__riscv) && __riscv_xlen == 64
+constexpr unsigned kHostElfMachine = 243;
+#elif defined(__powerpc64__)
+constexpr unsigned kHostElfMachine = 21;
+#else
+constexpr unsigned kHostElfMachine = 0; // not checked: the loader decides
+#endif
+constexpr bool kHostLittleEndian = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__;
+
+std::string ElfMachineName(unsigned machine)
+{
+    switch (machine) {
+    case 3:
+        return "x86, 32-bit";
+    case 8:
+        return "MIPS";
+    case 20:
+    case 21:
+        return "PowerPC";
+    case 40:
+        return "ARM, 32-bit";
+    case 62:
+        return "x86-64";
+    case 183:
+        return "ARM64";
+    case 243:
+        return "RISC-V";
+    default:
+        return "machine " + std::to_string(machine);
+    }
 }
 
 [[noreturn]] void Raise(const std::string& text)
@@ -203,13 +249,61 @@ bool LibPluginExists(const std::string& name)
     return ExistsInFolder(LibEffectsFolder(), name + kPluginExtension);
 }
 
+std::string PluginFileProblem(const std::string& path)
+{
+    const std::string name = FileNamePart(path);
+    std::ifstream file(fs::path(path), std::ios::binary);
+    if (!file)
+        return {};
+    unsigned char header[kElfHeaderBytes] = {};
+    file.read(reinterpret_cast<char*>(header), sizeof header);
+    const auto got = static_cast<size_t>(file.gcount());
+    if (got < sizeof header || header[0] != 0x7F || header[1] != 'E' || header[2] != 'L' || header[3] != 'F')
+        return FillText(310, name.c_str());
+    if (header[kElfClassByte] != kElfClass64)
+        return FillText(311, name.c_str());
+    // The type and machine words are in the file's own byte order.
+    const bool little = header[kElfDataByte] == kElfLittleEndian;
+    const auto word = [&](size_t at) {
+        return little ? static_cast<unsigned>(header[at] | (header[at + 1] << 8))
+                      : static_cast<unsigned>((header[at] << 8) | header[at + 1]);
+    };
+    if (word(kElfTypeOffset) != kElfSharedObject)
+        return FillText(310, name.c_str());
+    const unsigned machine = word(kElfMachineOffset);
+    if (kHostElfMachine != 0 && (machine != kHostElfMachine || little != kHostLittleEndian))
+        return FillText(312, name.c_str(), ElfMachineName(machine).c_str());
+    return {};
+}
+
 bool LibTestPlugin(const std::string& path, std::string& errorText)
 {
     LogEnter("LibTestPlugin", "\"%s\"", path.c_str());
-    MoAudioEffect effect;
-    const MoVstErrorNum result = effect.SafeLoad(path, false, nullptr);
-    errorText = MoVstErrorText(result);
-    effect.UnLoad();
+    // What the file is tells the user more than what the loader says about it.
+    errorText = PluginFileProblem(path);
+    MoVstErrorNum result = kVstBadFormat;
+    if (errorText.empty()) {
+        MoAudioEffect effect;
+        result = effect.SafeLoad(path, false, nullptr);
+        const std::string name = FileNamePart(path);
+        switch (result) {
+        case kVstBadFormat:
+            errorText = FillText(313, name.c_str());
+            break;
+        case kVstException:
+            errorText = FillText(314, name.c_str());
+            break;
+        case kVstLoadError:
+            errorText = FillText(315, name.c_str());
+            break;
+        default:
+            errorText = MoVstErrorText(result);
+            break;
+        }
+        effect.UnLoad();
+    }
+    if (result != kVstSuccess)
+        LogWarning("LibTestPlugin: %s", errorText.c_str());
     LogLeaveResult("LibTestPlugin", result == kVstSuccess);
     return result == kVstSuccess;
 }

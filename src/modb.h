@@ -30,9 +30,13 @@ const std::string& LibFunSoundsFolder();
 /// matches without regard to case, otherwise the effects folder + `name` + ".so".
 std::string LibPluginPath(const std::string& name);
 bool LibPluginExists(const std::string& name);
+/// Why the file at `path` cannot be a plug-in of this program, in plain words, judged from its
+/// header without loading it (not a shared library, 32-bit, another processor); empty when
+/// it may be one or cannot be read. Any thread.
+std::string PluginFileProblem(const std::string& path);
 /// Loads the plug-in at `path` into a temporary host and unloads it again. True when it is a
-/// usable effect; `errorText` gets the text of the load result ("Success" when it is). A
-/// plug-in that crashes is caught and refused. Window thread (plug-ins may need it).
+/// usable effect; `errorText` gets "Success", or why it is not one in plain words. A plug-in
+/// that crashes is caught and refused. Window thread (plug-ins may need it).
 bool LibTestPlugin(const std::string& path, std::string& errorText);
 /// Copies the plug-in at `sourcePath` into the effects folder under its own file name, which
 /// must end in ".so" with at least one character before it. False, with the reason in

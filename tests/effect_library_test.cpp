@@ -103,12 +103,58 @@ INSTANTIATE_TEST_SUITE_P(
                       RefusedImport{"Stereo", "delay", "Illegal VST plug-in file name: \"delay\""},
                       RefusedImport{"Stereo", "reverb.so", "Plug-in \"Reverb\" already exists."},
                       RefusedImport{"Stereo", "REVERB.SO", "Plug-in \"Reverb\" already exists."},
-                      RefusedImport{"CrashOnLoad", "crash.so", "Undefined error"},
+                      RefusedImport{"CrashOnLoad", "crash.so",
+                                    "\"crash.so\" crashed while it was being loaded, so it cannot be used."},
                       RefusedImport{"NoOutputs", "silent.so",
                                     "VST plug-in doesn't contain VST effect \n(number of audio input or audio "
                                     "output channels equal nil)."},
-                      RefusedImport{"NoEntry", "plain.so", "Incorrect format of VST plug-in"}),
+                      RefusedImport{"NoEntry", "plain.so",
+                                    "\"plain.so\" is a library but not a VST 2 plug-in: it has no VST entry point "
+                                    "(VSTPluginMain or main), or that gave no effect."}),
     [](const auto& testCase) { return std::string(testCase.param.kind) + "_" + std::to_string(testCase.index); });
+
+// Files that only look like plug-ins by their name: what they are is said in plain words, and
+// none of them is loaded into the program to find out.
+TEST_F(PluginLibrary, FilesThatAreNoPluginsForThisComputerAreRefusedByWhatTheyAre)
+{
+    ASSERT_TRUE(LibImportPlugin(Source("Stereo", "Reverb.so"))) << LibGetLastError();
+    const auto before = Snapshot();
+    // The first 20 bytes of an ELF shared object: class, byte order, type and machine.
+    const auto elf = [](unsigned char elfClass, unsigned char order, unsigned type, unsigned machine) {
+        std::vector<unsigned char> bytes = {0x7F, 'E', 'L', 'F', elfClass, order, 1, 0};
+        bytes.resize(16, 0);
+        const bool little = order == 1;
+        for (const unsigned value : {type, machine}) {
+            bytes.push_back(static_cast<unsigned char>(little ? value & 0xFF : value >> 8));
+            bytes.push_back(static_cast<unsigned char>(little ? value >> 8 : value & 0xFF));
+        }
+        bytes.resize(64, 0);
+        return bytes;
+    };
+    const std::vector<std::pair<std::vector<unsigned char>, std::string>> cases = {
+        {std::vector<unsigned char>{'h', 'e', 'l', 'l', 'o', '\n'},
+         "\"odd.so\" is not a VST plug-in for Linux: a plug-in here is a shared library (.so)."},
+        {{}, "\"odd.so\" is not a VST plug-in for Linux: a plug-in here is a shared library (.so)."},
+        {elf(1, 1, 3, 3), "\"odd.so\" is a 32-bit plug-in; Larimo loads 64-bit plug-ins only."},
+        {elf(2, 1, 2, 62), "\"odd.so\" is not a VST plug-in for Linux: a plug-in here is a shared library (.so)."},
+#if defined(__x86_64__)
+        {elf(2, 1, 3, 183), "\"odd.so\" is built for another kind of processor (ARM64), not for this computer."},
+        {elf(2, 2, 3, 21), "\"odd.so\" is built for another kind of processor (PowerPC), not for this computer."},
+#endif
+    };
+    for (const auto& [bytes, message] : cases) {
+        const fs::path path = m_sources / "odd.so";
+        std::ofstream(path, std::ios::binary | std::ios::trunc)
+            .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+        EXPECT_EQ(PluginFileProblem(path), message);
+        EXPECT_FALSE(LibImportPlugin(path));
+        EXPECT_EQ(LibGetLastError(), message);
+        EXPECT_EQ(Snapshot(), before);
+    }
+    // A real plug-in and a library without an entry point pass the header check.
+    EXPECT_EQ(PluginFileProblem(test::TestPluginPath("Stereo")), "");
+    EXPECT_EQ(PluginFileProblem(test::TestPluginPath("NoEntry")), "");
+}
 
 TEST_F(PluginLibrary, TestingAPluginGivesTheTextOfItsLoadResult)
 {
