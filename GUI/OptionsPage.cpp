@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "OptionsPage.h"
 
+#include "DialogTools.h"
 #include "OptionsSheet.h"
 #include "config.h"
 #include "error.h"
@@ -34,7 +35,7 @@ QString OptionsPageTitle(int templateId)
 {
     for (const auto& [id, text] : kTitleTexts) {
         if (static_cast<int>(id) == templateId)
-            return QString::fromStdString(GetText(text));
+            return UiText(text);
     }
     return {};
 }
@@ -150,29 +151,29 @@ void COptionsPage::ShowHelp()
 
 void COptionsPage::ErrorBox(const std::string& text)
 {
-    ShowMessage(Owner(this), MB_OK | MB_ICONERROR, "%s", text.c_str());
+    larimo::ErrorBox(this, text);
 }
 
 void COptionsPage::WarningBox(const std::string& text)
 {
-    ShowMessage(Owner(this), MB_OK | MB_ICONWARNING, "%s", text.c_str());
+    larimo::WarningBox(this, text);
 }
 
 bool COptionsPage::AskQuestion(const std::string& text)
 {
-    return ShowMessage(Owner(this), MB_YESNO | MB_ICONQUESTION, "%s", text.c_str()) == IDYES;
+    return larimo::AskQuestion(this, text);
 }
 
 bool COptionsPage::AskWarningQuestion(const std::string& text)
 {
-    return ShowMessage(Owner(this), MB_YESNO | MB_ICONWARNING, "%s", text.c_str()) == IDYES;
+    return larimo::AskWarningQuestion(this, text);
 }
 
 CPgPending::CPgPending(COptionsSheet& sheet, int templateId)
     : COptionsPage(sheet, templateId)
 {
     auto* layout = new QVBoxLayout(this);
-    auto* text = new QLabel(QString::fromStdString(GetText(kPendingText)), this);
+    auto* text = new QLabel(UiText(kPendingText), this);
     text->setObjectName(QStringLiteral("pendingText"));
     text->setWordWrap(true);
     text->setAlignment(Qt::AlignCenter);

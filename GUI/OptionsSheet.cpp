@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "OptionsSheet.h"
 
+#include "DialogTools.h"
+#include "PgEffects.h"
 #include "mlog.h"
 #include "moipc_cli.h"
 #include "teststream.h"
@@ -26,11 +28,6 @@ constexpr unsigned kCancelText = 187;
 constexpr unsigned kApplyText = 307;
 constexpr unsigned kHelpText = 308;
 
-QString Text(unsigned id)
-{
-    return QString::fromStdString(GetText(id));
-}
-
 } // namespace
 
 CMyPropertySheet::CMyPropertySheet(const QString& caption, QWidget* parent, int firstPage)
@@ -51,7 +48,7 @@ CMyPropertySheet::CMyPropertySheet(const QString& caption, QWidget* parent, int 
         {QDialogButtonBox::Help, kHelpText},
     };
     for (const auto& [which, text] : texts)
-        m_buttons->button(which)->setText(Text(text));
+        m_buttons->button(which)->setText(UiText(text));
     m_buttons->button(QDialogButtonBox::Apply)->setEnabled(false);
 
     // Every tab title stays in view; pages may ask for more room than this.
@@ -292,7 +289,8 @@ COptionsSheet::~COptionsSheet()
 void COptionsSheet::AddPages(CMoListBox* funSounds)
 {
     (void)funSounds;
-    for (const int id : {kPageEffects, kPageBackSounds, kPageEmotics, kPageShortcuts, kPageSoundCard})
+    AddPage(new CPgEffects(*this));
+    for (const int id : {kPageBackSounds, kPageEmotics, kPageShortcuts, kPageSoundCard})
         AddPage(new CPgPending(*this, id));
 }
 

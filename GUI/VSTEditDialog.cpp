@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "VSTEditDialog.h"
 
-#include "WizardPage.h"
+#include "DialogTools.h"
 #include "error.h"
 #include "filltext.h"
 #include "mlog.h"

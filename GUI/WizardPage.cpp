@@ -68,12 +68,6 @@ uint32_t PositionToVolume(int position)
     return (static_cast<uint32_t>(clamped) * 65535U / 100U) & 0xFFFFU;
 }
 
-void SetCtrlId(QWidget* widget, int id)
-{
-    widget->setProperty(kCtrlIdProperty, id);
-    widget->setObjectName(QStringLiteral("ctrl%1").arg(id));
-}
-
 CWizardPage::CWizardPage(Config& settings, int pageCount, int dialogId, QWidget* parent)
     : QWizardPage(parent)
     , m_settings(settings)

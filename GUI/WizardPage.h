@@ -4,6 +4,7 @@
 // its wizard buttons from whether a device is chosen.
 #pragma once
 
+#include "DialogTools.h"
 #include "config.h"
 #include "wmme.h"
 
@@ -39,8 +40,6 @@ int VolumeToPosition(uint32_t volume);
 /// Any thread.
 uint32_t PositionToVolume(int position);
 
-/// A QWidget's numeric control id, kept in the "ctrlId" property so tests find every control.
-constexpr const char* kCtrlIdProperty = "ctrlId";
 
 class CWizardPage : public QWizardPage, public PortAudio, public MixerNotify {
     Q_OBJECT
@@ -97,7 +96,5 @@ private:
     bool m_initialised = false;
 };
 
-/// Gives `widget` its control id (property and object name "ctrl<id>").
-void SetCtrlId(QWidget* widget, int id);
 
 } // namespace larimo
