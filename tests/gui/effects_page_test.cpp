@@ -173,6 +173,7 @@ TEST_F(EffectsPageTest, TheListShowsEveryEffectAndTakingWithoutASelectionEmpties
     EXPECT_EQ(page.List()->topLevelItem(1)->text(1), "Pitch");
     EXPECT_EQ(page.SlotText(1)->text(), "robot");
     EXPECT_FALSE(page.TestButton()->isEnabled()) << "nothing is selected yet";
+    m_sheet->grab().save(QDir::tempPath() + "/larimo-effects-page.png");
 
     page.OnTake(1);
     EXPECT_EQ(page.SlotText(1)->text(), "");
@@ -284,6 +285,7 @@ TEST_F(EffectsPageTest, TheEditorTakesOkOnlyWithANameAndAPluginAndRefusesANameIn
     editor.OnUse();
     EXPECT_EQ(editor.UsedPlugin()->text(), "Pitch");
     EXPECT_TRUE(ok->isEnabled());
+    editor.grab().save(QDir::tempPath() + "/larimo-effect-editor.png");
     EXPECT_TRUE(editor.Test().Effect().IsLoaded());
     editor.NameField()->clear();
     EXPECT_FALSE(ok->isEnabled());
