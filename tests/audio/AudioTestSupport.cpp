@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "audio/AudioTestSupport.h"
+#include "platform/pulse/PulseBackend.h"
 
 #include "mlog.h"
 #include "texts.h"
 
+#include <cstring>
 #include <stdlib.h>
 
 #include <cstdlib>
@@ -126,6 +128,23 @@ void VirtualAudioTest::SetUp()
 void VirtualAudioTest::TearDown()
 {
     SetAudioBackend(m_previous);
+}
+
+void PrivateSoundServerTest::SetUp()
+{
+    const char* server = std::getenv("PULSE_SERVER");
+    if (server == nullptr || std::strstr(server, "soundserver") == nullptr)
+        GTEST_SKIP() << "needs the private sound server of the CTest fixture (PULSE_SERVER)";
+    StartEnglishTexts();
+    TestLogPath();
+    m_previous = SetAudioBackend(CreatePulseBackend());
+    m_installed = true;
+}
+
+void PrivateSoundServerTest::TearDown()
+{
+    if (m_installed)
+        SetAudioBackend(m_previous);
 }
 
 } // namespace larimo::test

@@ -68,6 +68,18 @@ private:
     std::shared_ptr<AudioBackend> m_previous;
 };
 
+/// Runs a case against the private sound server of the CTest fixture, through the PulseAudio
+/// backend; skipped elsewhere, so a test never changes the defaults of a desktop's own server.
+class PrivateSoundServerTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+private:
+    std::shared_ptr<AudioBackend> m_previous;
+    bool m_installed = false;
+};
+
 /// Waits, bounded, until `done` holds.
 bool Eventually(const std::function<bool()>& done, std::chrono::milliseconds limit = std::chrono::seconds(5));
 

@@ -19,20 +19,8 @@
 namespace larimo {
 namespace {
 
-class Pulse : public ::testing::Test {
+class Pulse : public test::PrivateSoundServerTest {
 protected:
-    void SetUp() override
-    {
-        const char* server = std::getenv("PULSE_SERVER");
-        // Never run against a desktop's own sound server: these cases change its defaults.
-        if (server == nullptr || std::strstr(server, "soundserver") == nullptr)
-            GTEST_SKIP() << "needs the private sound server of the CTest fixture (PULSE_SERVER)";
-        test::StartEnglishTexts();
-        test::TestLogPath();
-        m_previous = SetAudioBackend(CreatePulseBackend());
-    }
-    void TearDown() override { SetAudioBackend(m_previous); }
-
     static int CountNamed(int direction, const std::string& text)
     {
         const CSoundDevices devices(direction);
@@ -41,9 +29,6 @@ protected:
             count += devices.Name(i).find(text) != std::string::npos ? 1 : 0;
         return count;
     }
-
-private:
-    std::shared_ptr<AudioBackend> m_previous;
 };
 
 TEST_F(Pulse, PlayedSignalComesBackThroughTheMonitorWithAMeasuredDelay)

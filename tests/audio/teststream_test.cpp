@@ -278,26 +278,7 @@ TEST_F(Preview, DestroyingTheStreamWithAStopStillPostedIsSafe)
 
 // An effect preview on the private sound server: the test microphone hears a tone, the stream
 // carries it through the pitch effect to the speakers, whose monitor is measured.
-class PreviewOnSoundServer : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        const char* server = std::getenv("PULSE_SERVER");
-        if (server == nullptr || std::strstr(server, "soundserver") == nullptr)
-            GTEST_SKIP() << "needs the private sound server of the CTest fixture (PULSE_SERVER)";
-        test::StartEnglishTexts();
-        test::TestLogPath();
-        m_previous = SetAudioBackend(CreatePulseBackend());
-    }
-    void TearDown() override
-    {
-        if (m_previous)
-            SetAudioBackend(m_previous);
-    }
-
-private:
-    std::shared_ptr<AudioBackend> m_previous;
-};
+class PreviewOnSoundServer : public test::PrivateSoundServerTest {};
 
 TEST_F(PreviewOnSoundServer, AnEffectPreviewPitchesTheMicrophone)
 {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The main window against the real LarimoServer and the private sound server: what each handler
 // leaves in config.ini, and the controls following the service through stop, kill and restart.
+#include "QtTestApplication.h"
 #include "LarimoDlg.h"
 
 #include "AboutDlg.h"
@@ -43,27 +44,6 @@ namespace larimo {
 namespace {
 
 namespace fs = std::filesystem;
-
-// The application lives from the first test to the end of the run and goes before exit
-// handlers run, while the platform plug-in can still clean up.
-class QtEnvironment final : public ::testing::Environment {
-public:
-    void SetUp() override
-    {
-        qputenv("QT_QPA_PLATFORM", "offscreen");
-        m_application = std::make_unique<QApplication>(m_argc, m_argv);
-    }
-    void TearDown() override { m_application.reset(); }
-
-private:
-    int m_argc = 1;
-    char m_name[16] = "larimo_dlg_test";
-    char* m_argv[2] = {m_name, nullptr};
-    std::unique_ptr<QApplication> m_application;
-};
-
-[[maybe_unused]] ::testing::Environment* const kQtEnvironment =
-    ::testing::AddGlobalTestEnvironment(std::make_unique<QtEnvironment>().release());
 
 using test::RecordingSink;
 

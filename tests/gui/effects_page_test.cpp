@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The voice effects tab and the effect editor against the real LarimoServer and the private
 // sound server: slots, previews, new, edit, delete, and the plug-in library behind them.
+#include "QtTestApplication.h"
 #include "EditEffect.h"
 #include "OptionsSheet.h"
 #include "PgEffects.h"
@@ -37,24 +38,6 @@ namespace larimo {
 namespace {
 
 namespace fs = std::filesystem;
-
-class QtEnvironment final : public ::testing::Environment {
-public:
-    void SetUp() override
-    {
-        qputenv("QT_QPA_PLATFORM", "offscreen");
-        m_application = std::make_unique<QApplication>(m_argc, m_argv);
-    }
-    void TearDown() override { m_application.reset(); }
-
-private:
-    int m_argc = 1;
-    char m_name[24] = "effects_page_test";
-    char* m_argv[2] = {m_name, nullptr};
-    std::unique_ptr<QApplication> m_application;
-};
-[[maybe_unused]] ::testing::Environment* const kQtEnvironment =
-    ::testing::AddGlobalTestEnvironment(std::make_unique<QtEnvironment>().release());
 
 // Keeps the boxes and gives the answer a test chose.
 class AnsweringSink final : public MessageBoxSink {

@@ -2,6 +2,7 @@
 // The options sheet against the real LarimoServer and the private sound server: what reaches
 // config.ini and the service for OK, Apply and Cancel, previews on a tab change, help and the
 // tabs, and the main window's Options button.
+#include "QtTestApplication.h"
 #include "OptionsSheet.h"
 
 #include "FFButton.h"
@@ -42,24 +43,6 @@ namespace larimo {
 namespace {
 
 namespace fs = std::filesystem;
-
-class QtEnvironment final : public ::testing::Environment {
-public:
-    void SetUp() override
-    {
-        qputenv("QT_QPA_PLATFORM", "offscreen");
-        m_application = std::make_unique<QApplication>(m_argc, m_argv);
-    }
-    void TearDown() override { m_application.reset(); }
-
-private:
-    int m_argc = 1;
-    char m_name[24] = "options_sheet_test";
-    char* m_argv[2] = {m_name, nullptr};
-    std::unique_ptr<QApplication> m_application;
-};
-[[maybe_unused]] ::testing::Environment* const kQtEnvironment =
-    ::testing::AddGlobalTestEnvironment(std::make_unique<QtEnvironment>().release());
 
 std::string Settings(const std::string& language = "en")
 {

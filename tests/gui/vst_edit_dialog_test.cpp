@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The parameter window of a plug-in: the generated rows (any platform) and, on an X display,
 // plug-in editors, the test plug-ins' and a real third-party one's.
+#include "QtTestApplication.h"
 #include "VSTEditDialog.h"
 
 #include "EffectTestSupport.h"
@@ -34,25 +35,6 @@ namespace larimo {
 namespace {
 
 namespace fs = std::filesystem;
-
-class QtEnvironment final : public ::testing::Environment {
-public:
-    void SetUp() override
-    {
-        if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
-            qputenv("QT_QPA_PLATFORM", "offscreen");
-        m_application = std::make_unique<QApplication>(m_argc, m_argv);
-    }
-    void TearDown() override { m_application.reset(); }
-
-private:
-    int m_argc = 1;
-    char m_name[24] = "vst_edit_dialog_test";
-    char* m_argv[2] = {m_name, nullptr};
-    std::unique_ptr<QApplication> m_application;
-};
-[[maybe_unused]] ::testing::Environment* const kQtEnvironment =
-    ::testing::AddGlobalTestEnvironment(std::make_unique<QtEnvironment>().release());
 
 // What the window tells the effect's owner.
 struct Listened {
