@@ -6,7 +6,7 @@
 #include "OptionsSheet.h"
 #include "PgEffects.h"
 
-#include "../server/ServiceProcess.h"
+#include "OptionsTestSupport.h"
 #include "DialogTools.h"
 #include "VSTEditDialog.h"
 #include "config.h"
@@ -39,68 +39,37 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Keeps the boxes and gives the answer a test chose.
-class AnsweringSink final : public MessageBoxSink {
-public:
-    int ShowMessageBox(void* /*owner*/, const std::string& text, const std::string& /*caption*/,
-                       unsigned style) override
-    {
-        m_texts.push_back(text);
-        return (style & MB_TYPEMASK) == MB_YESNO ? m_answer : IDOK;
-    }
-    std::vector<std::string> m_texts;
-    int m_answer = IDYES;
-};
-
 std::string Settings()
 {
-    const std::string source = LARIMO_SOURCE_DIR;
-    return "[sys]\nwizard=1\nlangsPath=" + source + "/data/lang/\nlangFile=" + source +
-           "/data/lang/larimo_en.tra\n[soundcards]\ninput=Microphone (Test)\nmonitor=Speakers\n"
-           "[effects]\neff_0=Robot\neff_1=robot\neff_2=Robot\n[monitors]\nmonitorOn=1\n[voice]\nnoiseSuppression=0\n";
+    return test::PanelSettings("[soundcards]\ninput=Microphone (Test)\nmonitor=Speakers\n"
+                               "[effects]\neff_0=Robot\neff_1=robot\neff_2=Robot\n[monitors]\nmonitorOn=1\n"
+                               "[voice]\nnoiseSuppression=0\n");
 }
 
-class EffectsPageTest : public ::testing::Test {
+class EffectsPageTest : public test::OptionsTest {
 protected:
-    static void SetUpTestSuite() { test::UsePrivateObjectNamespace(); }
-    static void TearDownTestSuite() { test::RemovePrivateObjectNamespace(); }
+    EffectsPageTest()
+        : OptionsTest(Settings())
+    {
+    }
 
     void SetUp() override
     {
-        const char* server = std::getenv("PULSE_SERVER");
-        if (server == nullptr || std::strstr(server, "soundserver") == nullptr)
-            GTEST_SKIP() << "needs the private sound server of the CTest fixture (PULSE_SERVER)";
         const fs::path folder = m_service.Folder();
         fs::copy(fs::path(LARIMO_APP_DIR) / "effects", folder / "effects", fs::copy_options::recursive);
         std::ofstream(folder / "voiceeffects.ini")
             << "[sys]\nnumEffects=3\n\n[eff_0]\nvst=Robot\nname=Robot\nnumParams=0\n\n"
                "[eff_1]\nvst=Pitch\nname=Chipmunk\nnumParams=2\nparam_0=1.000000\nparam_1=0.791667\n\n"
                "[eff_2]\nvst=Pitch\nname=Deep\nnumParams=2\nparam_0=1.000000\nparam_1=0.250000\n";
-        SetDataRoot(folder.string());
-        LibInit(folder.string());
-        m_settings = std::make_unique<Config>(folder.string());
-        m_settings->LoadAll();
-        ASSERT_TRUE(StartTexts(m_settings->m_langsPath, m_settings->m_langFile));
-        SetMessageBoxSink(&m_sink);
-        SetMessageDefaults(nullptr, "Larimo");
+        OptionsTest::SetUp();
         SetEffectParamWindowFactory(&VSTEditDialog::Make);
     }
     void TearDown() override
     {
         m_sheet.reset();
-        SetCommandClient(nullptr);
         SetOpenFileChooser(nullptr);
         SetEffectParamWindowFactory(nullptr);
-        SetMessageBoxSink(nullptr);
-        EndTexts();
-    }
-
-    void Connect()
-    {
-        ASSERT_TRUE(m_service.Start());
-        SetCommandClient(ConnectToService(kIpcBaseName));
-        ASSERT_NE(CommandClient(), nullptr);
-        m_connected = true;
+        OptionsTest::TearDown();
     }
 
     CPgEffects& Page()
@@ -122,29 +91,6 @@ protected:
         return -1;
     }
 
-    std::string File(const std::string& name) const
-    {
-        std::ifstream in(m_service.Folder() / name);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
-
-    int Requests(uint32_t code) const
-    {
-        QTest::qWait(100);
-        std::istringstream log(File("larimosrv.log"));
-        const std::string needle = "Request " + std::to_string(code) + ",";
-        int count = 0;
-        for (std::string line; std::getline(log, line);)
-            count += line.find(needle) != std::string::npos ? 1 : 0;
-        return count;
-    }
-
-    test::ServiceProcess m_service{Settings()};
-    AnsweringSink m_sink;
-    std::unique_ptr<Config> m_settings;
-    std::atomic<bool> m_connected{false};
     std::unique_ptr<COptionsSheet> m_sheet;
 };
 

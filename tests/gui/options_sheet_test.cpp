@@ -7,8 +7,7 @@
 
 #include "FFButton.h"
 #include "LarimoDlg.h"
-#include "../server/ServiceProcess.h"
-#include "RecordingSink.h"
+#include "OptionsTestSupport.h"
 #include "config.h"
 #include "error.h"
 #include "help.h"
@@ -44,12 +43,11 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string Settings(const std::string& language = "en")
+std::string Settings()
 {
-    const std::string source = LARIMO_SOURCE_DIR;
-    return "[sys]\nwizard=1\nskinFile=" + source + "/data/skins/en/Default.sdf\nlangsPath=" + source +
-           "/data/lang/\nlangFile=" + source + "/data/lang/larimo_" + language + ".tra\n" +
-           "[soundcards]\ninput=Microphone (Test)\nmonitor=Speakers\n[monitors]\nmonitorOn=1\nmonitorVol=70\n";
+    return test::PanelSettings("skinFile=" + std::string(LARIMO_SOURCE_DIR) + "/data/skins/en/Default.sdf\n"
+                               "[soundcards]\ninput=Microphone (Test)\nmonitor=Speakers\n"
+                               "[monitors]\nmonitorOn=1\nmonitorVol=70\n");
 }
 
 bool Pump(int ms, const std::function<bool()>& done)
@@ -91,39 +89,28 @@ public:
     bool m_previewing = false;
 };
 
-class OptionsSheetTest : public ::testing::Test {
+class OptionsSheetTest : public test::OptionsTest {
 protected:
-    static void SetUpTestSuite() { test::UsePrivateObjectNamespace(); }
-    static void TearDownTestSuite() { test::RemovePrivateObjectNamespace(); }
+    OptionsSheetTest()
+        : OptionsTest(Settings())
+    {
+    }
 
     void SetUp() override
     {
-        const char* server = std::getenv("PULSE_SERVER");
-        if (server == nullptr || std::strstr(server, "soundserver") == nullptr)
-            GTEST_SKIP() << "needs the private sound server of the CTest fixture (PULSE_SERVER)";
-        const fs::path folder = m_service.Folder();
-        SetDataRoot(folder.string());
-        LibInit(folder.string());
-        m_settings = std::make_unique<Config>(folder.string());
-        m_settings->LoadAll();
-        ASSERT_TRUE(StartTexts(m_settings->m_langsPath, m_settings->m_langFile));
-        SetMessageBoxSink(&m_sink);
-        SetMessageDefaults(nullptr, "Larimo");
+        OptionsTest::SetUp();
+        if (IsSkipped())
+            return;
         auto viewer = std::make_unique<HelpRequests>();
         m_help = viewer->targets;
         SetHelpViewer(std::move(viewer));
-        SetHelpFilePath((folder / "help" / "larimo_en.html").string());
-        ASSERT_TRUE(m_service.Start());
-        SetCommandClient(ConnectToService(kIpcBaseName));
-        ASSERT_NE(CommandClient(), nullptr);
-        m_connected = true;
+        SetHelpFilePath((m_service.Folder() / "help" / "larimo_en.html").string());
+        Connect();
     }
     void TearDown() override
     {
-        SetCommandClient(nullptr);
         SetHelpViewer(nullptr);
-        SetMessageBoxSink(nullptr);
-        EndTexts();
+        OptionsTest::TearDown();
     }
 
     std::unique_ptr<COptionsSheet> Sheet(int probes)
@@ -136,18 +123,6 @@ protected:
         }
         sheet->show();
         return sheet;
-    }
-
-    // How many commands of `code` the service has logged, waiting a little for late ones.
-    int Requests(uint32_t code) const
-    {
-        QTest::qWait(100);
-        std::ifstream log(m_service.Folder() / "larimosrv.log");
-        const std::string needle = "Request " + std::to_string(code) + ",";
-        int count = 0;
-        for (std::string line; std::getline(log, line);)
-            count += line.find(needle) != std::string::npos ? 1 : 0;
-        return count;
     }
 
     struct FileStamp {
@@ -166,10 +141,6 @@ protected:
         return {info.st_ino, text.str()};
     }
 
-    test::ServiceProcess m_service{Settings()};
-    test::RecordingSink m_sink;
-    std::unique_ptr<Config> m_settings;
-    std::atomic<bool> m_connected{false};
     std::vector<ProbePage*> m_probes;
     std::shared_ptr<std::vector<std::string>> m_help;
 };
@@ -190,7 +161,7 @@ TEST_F(OptionsSheetTest, OkWithoutAChangeSavesNothingAndOnlyRestoresTheListenIn)
     EXPECT_EQ(ConfigFile(), before) << "OK without a change wrote the settings";
     EXPECT_EQ(Requests(kCmdSrvUpdate), updates);
     EXPECT_EQ(Requests(kCmdMonitorSet), monitors + 1);
-    EXPECT_TRUE(m_sink.m_boxes.empty()) << m_sink.m_boxes.front().text;
+    EXPECT_TRUE(m_sink.m_texts.empty()) << m_sink.m_texts.front();
 }
 
 TEST_F(OptionsSheetTest, ApplySavesAndUpdatesOnceForAllVisitedPagesAndOkAfterItNothingMore)
@@ -250,7 +221,7 @@ TEST_F(OptionsSheetTest, LeavingATabStopsItsPreviewAndTheListenInComesBack)
     EXPECT_FALSE(m_probes[0]->m_previewing);
     EXPECT_EQ(sheet->Test().Owner(), m_probes[1]);
     EXPECT_EQ(Requests(kCmdMonitorSet), monitors + 2) << "off for the preview, then back";
-    EXPECT_TRUE(m_sink.m_boxes.empty()) << m_sink.m_boxes.front().text;
+    EXPECT_TRUE(m_sink.m_texts.empty()) << m_sink.m_texts.front();
 }
 
 TEST_F(OptionsSheetTest, AShortPreviewEndsByItselfAndTellsItsPage)
