@@ -110,6 +110,18 @@ protected:
         return samples;
     }
 
+    // Plays a sound shorter than one buffer until the engine has handed its stop over.
+    bool PlayShortSoundToItsEnd(TestStream& stream)
+    {
+        if (stream.OpenStream(0, 0, "", 25, 4) != kMmeSuccess ||
+            stream.LoadWave(ConstantSound(300, 1000)) != kWaveSuccess || stream.TestStart() != kMmeSuccess)
+            return false;
+        return Eventually([&] {
+            m_audio->Advance(25);
+            return m_owner.PostedCount() > 0;
+        });
+    }
+
     fs::path m_folder;
     Owner m_owner;
 };
@@ -225,13 +237,7 @@ TEST_F(Preview, ASoundWithoutAMixingBufferIsAnErrorNotSilence)
 TEST_F(Preview, AStopHandedOverForAnEarlierPreviewLeavesTheNextOneRunning)
 {
     TestStream stream(&m_owner, m_owner.Poster());
-    ASSERT_EQ(stream.OpenStream(0, 0, "", 25, 4), kMmeSuccess);
-    ASSERT_EQ(stream.LoadWave(ConstantSound(300, 1000)), kWaveSuccess);
-    ASSERT_EQ(stream.TestStart(), kMmeSuccess);
-    ASSERT_TRUE(Eventually([&] {
-        m_audio->Advance(25);
-        return m_owner.PostedCount() > 0;
-    }));
+    ASSERT_TRUE(PlayShortSoundToItsEnd(stream));
     // Before the window gets to the handed-over stop, the user starts another preview.
     stream.Stop();
     ASSERT_EQ(stream.LoadWave(ConstantSound(44100, 1000)), kWaveSuccess);
@@ -264,13 +270,7 @@ TEST_F(Preview, DestroyingTheStreamWithAStopStillPostedIsSafe)
 {
     {
         TestStream stream(&m_owner, m_owner.Poster());
-        ASSERT_EQ(stream.OpenStream(0, 0, "", 25, 4), kMmeSuccess);
-        ASSERT_EQ(stream.LoadWave(ConstantSound(300, 1000)), kWaveSuccess);
-        ASSERT_EQ(stream.TestStart(), kMmeSuccess);
-        ASSERT_TRUE(Eventually([&] {
-            m_audio->Advance(25);
-            return m_owner.PostedCount() > 0;
-        }));
+        ASSERT_TRUE(PlayShortSoundToItsEnd(stream));
     }
     m_owner.RunPosted();
     EXPECT_EQ(m_owner.m_stops, 0);
