@@ -134,6 +134,8 @@ CMicCleanupGroup::CMicCleanupGroup(Config& settings, QWidget* parent)
     m_note = new QLabel(this);
     SetCtrlId(m_note, kMeterNote);
     m_note->setWordWrap(true);
+    // Its text changes while shown; room for three lines keeps the layout from squeezing it.
+    m_note->setMinimumHeight(m_note->fontMetrics().lineSpacing() * 3 + 4);
 
     auto* grid = new QGridLayout(this);
     grid->addWidget(m_noise, 0, 0, 1, 2);
@@ -230,7 +232,7 @@ void CMicCleanupGroup::StartMeter()
     // choice is left to the system (whose default is Larimo's own microphone).
     std::string device = m_settings.m_input;
     if (device.empty()) {
-        const std::vector<std::string> choices = WizardDeviceChoices(1);
+        const std::vector<std::string> choices = SoundDeviceChoices(1);
         if (!choices.empty())
             device = choices.front();
     }

@@ -3,6 +3,8 @@
 
 #include "DialogTools.h"
 #include "PgEffects.h"
+#include "PgShortcuts.h"
+#include "PgSoundCard.h"
 #include "mlog.h"
 #include "moipc_cli.h"
 #include "teststream.h"
@@ -53,7 +55,7 @@ CMyPropertySheet::CMyPropertySheet(const QString& caption, QWidget* parent, int 
 
     // Every tab title stays in view; pages may ask for more room than this.
     m_tabs->setUsesScrollButtons(false);
-    m_tabs->setMinimumSize(560, 400);
+    m_tabs->setMinimumSize(580, 500);
     auto* layout = new QVBoxLayout(this);
     layout->addWidget(m_tabs, 1);
     layout->addWidget(m_buttons);
@@ -290,8 +292,10 @@ void COptionsSheet::AddPages(CMoListBox* funSounds)
 {
     (void)funSounds;
     AddPage(new CPgEffects(*this));
-    for (const int id : {kPageBackSounds, kPageEmotics, kPageShortcuts, kPageSoundCard})
+    for (const int id : {kPageBackSounds, kPageEmotics})
         AddPage(new CPgPending(*this, id));
+    AddPage(new CPgShortcuts(*this));
+    AddPage(new CPgSoundCard(*this));
 }
 
 void COptionsSheet::MonitorOff()

@@ -93,6 +93,8 @@ public:
     Config& Real() { return m_real; }
     TestStream& Test() { return *m_test; }
     bool Connected() const { return m_connected != nullptr && m_connected->load(); }
+    /// The main window's own flag, for a worker that watches it (may be null).
+    const std::atomic<bool>* ConnectedFlag() const { return m_connected; }
 
     /// The service's listen-in off for a preview, and back to what the real settings say.
     /// Nothing is sent while the service is not connected.

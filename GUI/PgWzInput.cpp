@@ -84,7 +84,7 @@ void CPgWzInput::OnInitDialog()
 {
     LogScopeInfo("CPgWzInput::OnInitDialog");
     HideChannels();
-    FillDevices(WizardDeviceChoices(1), 103, 104, 102);
+    FillDevices(SoundDeviceChoices(1), 103, 104, 102);
     if (m_devices->count() == 1)
         OnDeviceChanged();
 }

@@ -79,7 +79,7 @@ CPgWzMonitor::~CPgWzMonitor()
 void CPgWzMonitor::OnInitDialog()
 {
     LogScopeInfo("CPgWzMonitor::OnInitDialog");
-    FillDevices(WizardDeviceChoices(2), 107, 108, 109);
+    FillDevices(SoundDeviceChoices(2), 107, 108, 109);
     if (m_devices->count() == 1)
         OnDeviceChanged();
 }

@@ -16,19 +16,6 @@
 
 namespace larimo {
 
-namespace {
-
-constexpr const char* kVirtualMicrophone = "Larimo Microphone";
-
-// Drop-down lists sort without regard to letter case; equal names keep their order.
-bool SortsBefore(const std::string& a, const std::string& b)
-{
-    return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
-        return std::tolower(static_cast<unsigned char>(x)) < std::tolower(static_cast<unsigned char>(y));
-    });
-}
-
-} // namespace
 
 unsigned WizardButtonsFor(bool playbackPage, bool deviceChosen, int pageCount)
 {
@@ -40,19 +27,6 @@ unsigned WizardButtonsFor(bool playbackPage, bool deviceChosen, int pageCount)
     }
     const unsigned back = twoPages ? kWizBack : 0U;
     return back | (deviceChosen ? kWizFinish : kWizDisabledFinish);
-}
-
-std::vector<std::string> WizardDeviceChoices(int type)
-{
-    std::vector<std::string> all;
-    PaGetSoundDevList(all, type);
-    std::vector<std::string> names;
-    for (std::string& name : all) {
-        if (name.find(kVirtualMicrophone) == std::string::npos)
-            names.push_back(std::move(name));
-    }
-    std::stable_sort(names.begin(), names.end(), SortsBefore);
-    return names;
 }
 
 int VolumeToPosition(uint32_t volume)

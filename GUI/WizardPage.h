@@ -4,6 +4,7 @@
 // its wizard buttons from whether a device is chosen.
 #pragma once
 
+#include "DeviceChoices.h"
 #include "DialogTools.h"
 #include "config.h"
 #include "wmme.h"
@@ -28,10 +29,6 @@ constexpr unsigned kWizDisabledFinish = 0x8U;
 /// a device is chosen and how many pages the sheet shows. Any thread.
 unsigned WizardButtonsFor(bool playbackPage, bool deviceChosen, int pageCount);
 
-/// The device names of `type` (1 recording, 2 playback) the user may choose among: the
-/// engine's list without the virtual microphone, sorted as the drop-down lists sort.
-/// Window thread.
-std::vector<std::string> WizardDeviceChoices(int type);
 
 /// A mixer volume (0 to 65535) as a slider position (0 to 100), to the nearest step, so a
 /// position written and read back stays where the user left it. Any thread.

@@ -14,4 +14,9 @@ uint32_t VirtualKeyToKeysym(uint32_t virtualKey);
 /// "KP_Add"); empty when the code names no key.
 std::string_view VirtualKeyToKeysymName(uint32_t virtualKey);
 
+/// The virtual-key code of a key Qt reports (a Qt::Key value; `keypad` when it came from the
+/// numeric keypad). Shifted symbols of a US layout map to their key ("+" is the "=" key);
+/// 0 for a key the settings cannot name.
+uint32_t QtKeyToVirtualKey(int qtKey, bool keypad);
+
 } // namespace larimo

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "OptionsTestSupport.h"
 
+#include "mlog.h"
 #include "modb.h"
 #include "moipc_cli.h"
 #include "moipc_cmds.h"
@@ -52,6 +53,7 @@ void OptionsTest::SetUp()
     if (server == nullptr || std::strstr(server, "soundserver") == nullptr)
         GTEST_SKIP() << "needs the private sound server of the CTest fixture (PULSE_SERVER)";
     const std::string folder = m_service.Folder().string();
+    LogOpen(folder + "/larimocl.log", true, false, false, false, false);
     SetDataRoot(folder);
     LibInit(folder);
     m_settings = std::make_unique<Config>(folder);
