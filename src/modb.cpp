@@ -164,16 +164,77 @@ std::string FileNamePart(const std::string& path)
     return fs::path(path).filename().string();
 }
 
+// Whether a file starts as a RIFF file does: such a file is held to the rules of WAV files.
+bool LooksLikeRiff(const std::string& path)
+{
+    std::ifstream in(fs::path(path), std::ios::binary);
+    char id[4] = {};
+    in.read(id, sizeof id);
+    return in.gcount() == sizeof id && std::string_view(id, sizeof id) == "RIFF";
+}
+
+// Writes a sound in the library format beside the library and renames it into place, so the
+// library never holds half a file, also when the disk is full.
+void StoreLibraryWave(const Wave& wave, const std::string& destinationPath)
+{
+    const std::string temporaryPath = LibProgramFolder() + "tmp.wav";
+    if (wave.WriteToFile(temporaryPath) != kWaveSuccess) {
+        std::error_code ignored;
+        fs::remove(temporaryPath, ignored);
+        Raise(GetText(256));
+    }
+    std::error_code ec;
+    const fs::path destination(destinationPath);
+    if (destination.has_parent_path())
+        fs::create_directories(destination.parent_path(), ec);
+    // A rename within one file system swaps the finished file in at once.
+    if (!ec)
+        fs::rename(temporaryPath, destination, ec);
+    if (ec) {
+        std::error_code ignored;
+        fs::remove(temporaryPath, ignored);
+        Raise(FillText(254, static_cast<unsigned>(ec.value())));
+    }
+}
+
+// A sound of another kind than WAV (MP3, Ogg Vorbis, Opus, FLAC, AIFF, ...), decoded into the
+// library format.
+void ImportDecoded(const std::string& sourcePath, const std::string& destinationPath)
+{
+    const std::string name = FileNamePart(sourcePath);
+    std::error_code ec;
+    if (fs::file_size(sourcePath, ec) == 0 && !ec)
+        Raise(FillText(361, name.c_str()));
+    Wave wave;
+    switch (wave.DecodeFile(sourcePath)) {
+    case kConvertSuccess:
+        break;
+    case kConvertUnsupported:
+        Raise(FillText(360, name.c_str()));
+    case kConvertTooLarge:
+        Raise(FillText(364, name.c_str()));
+    default:
+        Raise(FillText(363, name.c_str()));
+    }
+    if (wave.DataSize() == 0)
+        Raise(FillText(362, name.c_str()));
+    StoreLibraryWave(wave, destinationPath);
+}
+
 // Checks the source, then converts and stores it; on failure the reason becomes the last
 // library error.
 bool ImportSound(const std::string& sourcePath, const std::string& destinationPath)
 {
-    const unsigned usable = WaveCanUse(sourcePath);
-    if (usable != kWaveSuccess) {
-        SetLastError(FillText(250, WaveErrorText(usable).c_str(), sourcePath.c_str()));
-        return false;
-    }
     try {
+        // A file named .wav is held to the rules of WAV files whatever it holds.
+        const bool wavName = EqualsNoCase(fs::path(sourcePath).extension().string(), ".wav");
+        if (!wavName && !LooksLikeRiff(sourcePath) && fs::is_regular_file(sourcePath)) {
+            ImportDecoded(sourcePath, destinationPath);
+            return true;
+        }
+        const unsigned usable = WaveCanUse(sourcePath);
+        if (usable != kWaveSuccess)
+            Raise(FillText(250, WaveErrorText(usable).c_str(), sourcePath.c_str()));
         return LibImportWave(sourcePath, destinationPath);
     } catch (const MyError& error) {
         SetLastError(error.Text());
@@ -388,7 +449,7 @@ bool LibBackSoundExists(const std::string& name)
 bool LibImportBackSound(const std::string& sourcePath)
 {
     LogEnter("LibImportBackSound", "\"%s\"", sourcePath.c_str());
-    const std::string name = FileNamePart(sourcePath);
+    const std::string name = LibSoundFileName(sourcePath);
     bool result = false;
     if (LibBackSoundExists(name))
         SetLastError(FillText(247, name.c_str()));
@@ -444,7 +505,7 @@ bool LibImportFunSound(const std::string& sourcePath, const std::string& group)
     std::string relative = group;
     if (!relative.empty() && relative.back() != '\\' && relative.back() != '/')
         relative += '\\';
-    relative += FileNamePart(sourcePath);
+    relative += LibSoundFileName(sourcePath);
 
     bool result = false;
     const auto inFolder = RelativeInFolder(LibFunSoundsFolder(), relative);
@@ -469,30 +530,14 @@ bool LibDeleteFunSound(const std::string& relativePath)
 bool LibImportWave(const std::string& sourcePath, const std::string& destinationPath)
 {
     LogEnter("LibImportWave", "\"%s\", \"%s\"", sourcePath.c_str(), destinationPath.c_str());
-    const std::string temporaryPath = LibProgramFolder() + "tmp.wav";
-    {
-        Wave wave;
-        const unsigned read = wave.ReadFromFile(sourcePath);
-        if (read != kWaveSuccess)
-            Raise(FillText(250, WaveErrorText(read).c_str(), sourcePath.c_str()));
-        const unsigned converted = wave.ConvertToOneChanel16Bit();
-        if (converted != 0)
-            Raise(WaveConvertFailureText(wave.Format(), converted));
-        if (wave.WriteToFile(temporaryPath) != kWaveSuccess)
-            Raise(GetText(256));
-    }
-    std::error_code ec;
-    const fs::path destination(destinationPath);
-    if (destination.has_parent_path())
-        fs::create_directories(destination.parent_path(), ec);
-    // A rename within one file system swaps the finished file in at once.
-    if (!ec)
-        fs::rename(temporaryPath, destination, ec);
-    if (ec) {
-        std::error_code ignored;
-        fs::remove(temporaryPath, ignored);
-        Raise(FillText(254, static_cast<unsigned>(ec.value())));
-    }
+    Wave wave;
+    const unsigned read = wave.ReadFromFile(sourcePath);
+    if (read != kWaveSuccess)
+        Raise(FillText(250, WaveErrorText(read).c_str(), sourcePath.c_str()));
+    const unsigned converted = wave.ConvertToOneChanel16Bit();
+    if (converted != 0)
+        Raise(WaveConvertFailureText(wave.Format(), converted));
+    StoreLibraryWave(wave, destinationPath);
     LogLeaveResult("LibImportWave", true);
     return true;
 }
@@ -511,6 +556,14 @@ bool LibDeleteFile(const std::string& path, const std::string& kind)
         Raise(FillText(242, kind.c_str(), path.c_str(), static_cast<unsigned>(ec ? ec.value() : ENOENT)));
     LogLeaveResult("LibDeleteFile", true);
     return true;
+}
+
+std::string LibSoundFileName(const std::string& sourcePath)
+{
+    fs::path name = fs::path(sourcePath).filename();
+    if (!EqualsNoCase(name.extension().string(), ".wav"))
+        name.replace_extension(".wav");
+    return name.string();
 }
 
 std::string LibBaseName(const std::string& path)

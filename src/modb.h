@@ -84,6 +84,9 @@ bool LibDeleteFile(const std::string& path, const std::string& kind);
 /// The file-name part of `path` (behind the last '/' or '\') without its extension, the first
 /// letter made upper case: "/x/reverb.dll" gives "Reverb", ".hidden" stays ".hidden".
 std::string LibBaseName(const std::string& path);
+/// The name a sound file gets in the library: its file name, with ".wav" in place of any other
+/// extension ("/x/Laugh.mp3" gives "Laugh.wav"). Any thread.
+std::string LibSoundFileName(const std::string& sourcePath);
 
 /// The message of the last failed import or deletion.
 std::string LibGetLastError();

@@ -9,6 +9,8 @@
 #include "texts.h"
 
 #include <algorithm>
+#include <fstream>
+#include <iterator>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -397,7 +399,6 @@ unsigned Wave::ConvertToOneChanel16Bit()
         return kConvertSuccess;
     static constexpr const char* kScope = "Wave::ConvertToOneChanel16Bit";
     LogEnter(kScope);
-    const WaveFormat target = LibraryWaveFormat();
 
     SoundDecoder decoder;
     const std::vector<std::uint8_t> head = DecoderHead(m_format, m_extra, m_data.Size());
@@ -407,20 +408,51 @@ unsigned Wave::ConvertToOneChanel16Bit()
         LogLeaveResult(kScope, kConvertUnsupported);
         return kConvertUnsupported;
     }
+    const unsigned result = ConvertFrom(decoder);
+    LogLeaveResult(kScope, result);
+    return result;
+}
+
+unsigned Wave::DecodeFile(const std::string& path)
+{
+    static constexpr const char* kScope = "Wave::DecodeFile";
+    LogEnter(kScope, "\"%s\"", path.c_str());
+    std::vector<std::uint8_t> bytes;
+    {
+        FileSource file;
+        if (!file.Open(path)) {
+            LogLeaveResult(kScope, kConvertUnsupported);
+            return kConvertUnsupported;
+        }
+        std::ifstream in(path, std::ios::binary);
+        bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+    SoundDecoder decoder;
+    if (bytes.empty() || !decoder.Open({}, bytes)) {
+        LogError("Cannot decode %s: %s", path.c_str(), decoder.ErrorText().c_str());
+        LogLeaveResult(kScope, kConvertUnsupported);
+        return kConvertUnsupported;
+    }
+    const unsigned result = ConvertFrom(decoder);
+    LogLeaveResult(kScope, result);
+    return result;
+}
+
+unsigned Wave::ConvertFrom(SoundDecoder& decoder)
+{
+    const WaveFormat target = LibraryWaveFormat();
     const auto channels = static_cast<std::size_t>(decoder.Channels());
     const double rate = decoder.SampleRate();
     const double expectedFrames =
         static_cast<double>(std::max<std::int64_t>(decoder.Frames(), 0)) * kLibrarySampleRate / rate;
     if (expectedFrames * 2 > static_cast<double>(kMaxDataSize)) {
         LogError("The converted sound would have %.0f samples, too many for a WAV file", expectedFrames);
-        LogLeaveResult(kScope, kConvertTooLarge);
         return kConvertTooLarge;
     }
     Resampler resampler;
     const bool resampling = decoder.SampleRate() != static_cast<int>(kLibrarySampleRate);
     if (resampling && !resampler.Open(rate, kLibrarySampleRate)) {
         LogError("Cannot resample from %d Hz: %s", decoder.SampleRate(), resampler.ErrorText().c_str());
-        LogLeaveResult(kScope, kConvertResampleError);
         return kConvertResampleError;
     }
 
@@ -488,7 +520,6 @@ unsigned Wave::ConvertToOneChanel16Bit()
     m_data = std::move(output);
     m_format = target;
     m_extra.clear();
-    LogLeaveResult(kScope, result);
     return result;
 }
 

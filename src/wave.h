@@ -15,6 +15,8 @@
 
 namespace larimo {
 
+class SoundDecoder;
+
 class ByteSource;
 
 /// Results of reading, writing and checking WAV files, returned as plain numbers.
@@ -75,6 +77,10 @@ public:
     /// otherwise 0 or a WaveConvertErrorNum. A failure before any sample was decoded leaves
     /// the object untouched; a later one leaves what was converted so far, in the library format.
     unsigned ConvertToOneChanel16Bit();
+    /// Decodes a sound file of any kind the decoder knows (WAV, MP3, Ogg Vorbis, Opus, FLAC,
+    /// AIFF, ...) into the library format: 0, or a WaveConvertErrorNum (kConvertUnsupported for
+    /// a file that is no sound it can read). A failure part way leaves what was decoded.
+    unsigned DecodeFile(const std::string& path);
 
     /// Replaces everything the object holds.
     void Assign(const WaveFormat& format, std::vector<std::uint8_t> extraFormatBytes,
@@ -88,6 +94,7 @@ public:
 
 private:
     unsigned Read(ByteSource& source);
+    unsigned ConvertFrom(SoundDecoder& decoder);
 
     WaveFormat m_format;
     std::vector<std::uint8_t> m_extra;
