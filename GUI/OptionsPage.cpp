@@ -11,18 +11,15 @@
 #include "texts.h"
 
 #include <QKeyEvent>
-#include <QLabel>
-#include <QVBoxLayout>
 
 namespace larimo {
 
 namespace {
 
-// The texts of the tab titles and of a page that is not there yet.
+// The texts of the tab titles.
 constexpr unsigned kTitleTexts[][2] = {
     {kPageEffects, 300}, {kPageBackSounds, 301}, {kPageEmotics, 302}, {kPageShortcuts, 303}, {kPageSoundCard, 304},
 };
-constexpr unsigned kPendingText = 305;
 
 void* Owner(QWidget* widget)
 {
@@ -167,17 +164,6 @@ bool COptionsPage::AskQuestion(const std::string& text)
 bool COptionsPage::AskWarningQuestion(const std::string& text)
 {
     return larimo::AskWarningQuestion(this, text);
-}
-
-CPgPending::CPgPending(COptionsSheet& sheet, int templateId)
-    : COptionsPage(sheet, templateId)
-{
-    auto* layout = new QVBoxLayout(this);
-    auto* text = new QLabel(UiText(kPendingText), this);
-    text->setObjectName(QStringLiteral("pendingText"));
-    text->setWordWrap(true);
-    text->setAlignment(Qt::AlignCenter);
-    layout->addWidget(text);
 }
 
 } // namespace larimo

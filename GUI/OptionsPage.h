@@ -102,11 +102,4 @@ private:
     COptionsSheet& m_sheet;
 };
 
-/// A tab whose page this version of Larimo does not have yet: it says so, with no controls.
-class CPgPending final : public COptionsPage {
-    Q_OBJECT
-public:
-    CPgPending(COptionsSheet& sheet, int templateId);
-};
-
 } // namespace larimo

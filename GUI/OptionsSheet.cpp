@@ -2,7 +2,9 @@
 #include "OptionsSheet.h"
 
 #include "DialogTools.h"
+#include "PgBackSounds.h"
 #include "PgEffects.h"
+#include "PgEmotics.h"
 #include "PgShortcuts.h"
 #include "PgSoundCard.h"
 #include "mlog.h"
@@ -290,10 +292,9 @@ COptionsSheet::~COptionsSheet()
 
 void COptionsSheet::AddPages(CMoListBox* funSounds)
 {
-    (void)funSounds;
     AddPage(new CPgEffects(*this));
-    for (const int id : {kPageBackSounds, kPageEmotics})
-        AddPage(new CPgPending(*this, id));
+    AddPage(new CPgBackSounds(*this));
+    AddPage(new CPgEmotics(*this, funSounds));
     AddPage(new CPgShortcuts(*this));
     AddPage(new CPgSoundCard(*this));
 }
