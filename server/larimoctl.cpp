@@ -4,8 +4,10 @@
 #include "PanelActions.h"
 #include "config.h"
 #include "mlog.h"
+#include "modb.h"
 #include "moipc_cli.h"
 #include "server/moipc_cmds.h"
+#include "texts.h"
 #include "wintools.h"
 
 #include <charconv>
@@ -18,7 +20,7 @@ using namespace larimo;
 
 namespace {
 
-enum Exit : int { kOk = 0, kNotRunning = 1, kUsage = 2 };
+enum Exit : int { kOk = 0, kNotRunning = 1, kRefused = 1, kUsage = 2 };
 
 const char* const kHelp =
     "Usage: larimoctl COMMAND [ARGUMENTS]\n"
@@ -42,10 +44,17 @@ const char* const kHelp =
     "  gate on|off|DB           silence the microphone while you do not speak; DB is the\n"
     "                           level in dBFS at which it opens, -80 to -10 (for example -45)\n"
     "  reload                   make the voice service read the settings files again\n"
+    "  sounds                   list the sound library, the background slots and the fun\n"
+    "                           sounds the panel offers\n"
+    "  import background FILE...  add sounds to the background library\n"
+    "  import fun GROUP FILE...   add sounds to a group of the fun sound library (\"\" for none)\n"
+    "                           WAV, MP3, Ogg Vorbis, Opus, FLAC and AIFF files are converted to\n"
+    "                           the library's format and stored under their name with \".wav\"\n"
     "  errors                   print (and clear) the errors the voice service collected\n"
     "\n"
     "Slots and rows count from 1, as the panel shows them.\n"
-    "Exit status: 0 done, 1 the voice service is not running (settings are still written),\n"
+    "Exit status: 0 done, 1 the voice service is not running (settings are still written) or,\n"
+    "for import, a file was refused (one line on standard error says which and why),\n"
     "2 wrong usage.\n";
 
 int Usage(const char* what)
@@ -106,6 +115,47 @@ int Status(const Config& settings, const std::shared_ptr<MoIpcCli>& client)
     return kOk;
 }
 
+int Sounds(const Config& settings)
+{
+    std::printf("Background sounds:\n");
+    for (const std::string& name : LibListBackSounds())
+        std::printf("  %s\n", name.c_str());
+    std::printf("Fun sounds:\n");
+    for (const std::string& name : LibListFunSounds())
+        std::printf("  %s\n", name.c_str());
+    std::printf("Background slots:\n");
+    for (int slot = 0; slot < Config::kSlotCount; ++slot) {
+        const BackSound& sound = settings.m_backSounds[static_cast<size_t>(slot)];
+        if (sound.m_file.empty())
+            std::printf("  %d: empty\n", slot + 1);
+        else
+            std::printf("  %d: %s \"%s\", volume %u\n", slot + 1, sound.m_file.c_str(), sound.m_descr.c_str(),
+                        unsigned{sound.m_volume});
+    }
+    std::printf("Fun sounds of the panel:\n");
+    for (size_t row = 0; row < settings.m_emotics.size(); ++row)
+        std::printf("  %zu: %s (%s)\n", row + 1, settings.m_emotics[row].m_name.c_str(),
+                    settings.m_emotics[row].m_file.c_str());
+    return kOk;
+}
+
+// Imports every file; a refused one gets a line that names it and says why.
+int Import(const std::vector<std::string_view>& files, const std::string* group)
+{
+    int refused = 0;
+    for (const std::string_view file : files) {
+        const std::string path(file);
+        const bool imported = group != nullptr ? LibImportFunSound(path, *group) : LibImportBackSound(path);
+        if (imported) {
+            std::printf("imported %s as %s\n", path.c_str(), LibSoundFileName(path).c_str());
+        } else {
+            std::fprintf(stderr, "larimoctl: %s: %s\n", path.c_str(), LibGetLastError().c_str());
+            ++refused;
+        }
+    }
+    return refused == 0 ? kOk : kRefused;
+}
+
 int Run(const std::vector<std::string_view>& args)
 {
     if (args.empty())
@@ -115,6 +165,17 @@ int Run(const std::vector<std::string_view>& args)
 
     Config settings;
     settings.LoadAll();
+    // The library needs no service: these work whether it runs or not.
+    if (command == "sounds" && argCount == 0)
+        return Sounds(settings);
+    if (command == "import" && argCount >= 2 && args[1] == "background")
+        return Import({args.begin() + 2, args.end()}, nullptr);
+    if (command == "import" && argCount >= 3 && args[1] == "fun") {
+        const std::string group(args[2]);
+        return Import({args.begin() + 3, args.end()}, &group);
+    }
+    if (command == "import")
+        return Usage("expected 'background FILE...' or 'fun GROUP FILE...'.");
     PanelActions actions(settings);
     std::shared_ptr<MoIpcCli> client = ConnectToService(kIpcBaseName);
     SetCommandClient(client);
@@ -221,7 +282,11 @@ int main(int argc, char** argv)
     }
     const std::string root = ProgramFolder();
     SetDataRoot(root);
+    LibInit(root);
     LogOpen(root + "larimocl.log", true, false, false, false, false);
+    // The library's messages are texts of the user's language.
+    if (!StartTexts())
+        std::fprintf(stderr, "larimoctl: the language file cannot be read; messages may be missing.\n");
     int result = kUsage;
     try {
         result = Run(args);
@@ -230,7 +295,9 @@ int main(int argc, char** argv)
         result = kNotRunning;
     }
     SetCommandClient(nullptr);
-    if (result == kNotRunning && !(args.size() == 1 && args[0] == "status"))
+    EndTexts();
+    const bool libraryCommand = !args.empty() && (args[0] == "import" || args[0] == "sounds");
+    if (result == kNotRunning && !libraryCommand && !(args.size() == 1 && args[0] == "status"))
         std::fprintf(stderr, "larimoctl: the voice service is not running.\n");
     return result;
 }

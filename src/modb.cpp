@@ -499,6 +499,26 @@ bool LibFunSoundExists(const std::string& relativePath)
     return ExistsInFolder(LibFunSoundsFolder(), relativePath);
 }
 
+std::vector<std::string> LibListFunSounds()
+{
+    std::vector<std::string> names;
+    std::error_code ec;
+    const fs::path root(LibFunSoundsFolder());
+    for (fs::recursive_directory_iterator entry(root, ec), end; !ec && entry != end; entry.increment(ec)) {
+        if (!entry->is_regular_file(ec) || !EqualsNoCase(entry->path().extension().string(), ".wav"))
+            continue;
+        std::string relative = fs::relative(entry->path(), root, ec).string();
+        std::replace(relative.begin(), relative.end(), '/', '\\');
+        names.push_back(std::move(relative));
+    }
+    std::sort(names.begin(), names.end(), [](const std::string& a, const std::string& b) {
+        return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
+            return std::tolower(static_cast<unsigned char>(x)) < std::tolower(static_cast<unsigned char>(y));
+        });
+    });
+    return names;
+}
+
 bool LibImportFunSound(const std::string& sourcePath, const std::string& group)
 {
     LogEnter("LibImportFunSound", "\"%s\", \"%s\"", sourcePath.c_str(), group.c_str());

@@ -70,6 +70,9 @@ bool LibFunSoundExists(const std::string& relativePath);
 /// Imports a WAV file into the group folder `group` ("Animals", "Party\Kids", or empty for
 /// the top) of the fun sounds, creating the folder when needed. Like LibImportBackSound.
 bool LibImportFunSound(const std::string& sourcePath, const std::string& group);
+/// Every fun sound of the library as its settings path ("Party\\Laugh.wav"), sorted without
+/// regard to case.
+std::vector<std::string> LibListFunSounds();
 bool LibDeleteFunSound(const std::string& relativePath);
 
 /// Converts `sourcePath` to the library format and puts it at `destinationPath`, replacing a

@@ -5,6 +5,9 @@
 // package small. The file reading here is deliberately independent of the program's own WAV
 // code, so a fault there cannot hide a bad file.
 
+#include "config.h"
+#include "wintools.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -221,6 +224,31 @@ TEST(ShippedSounds, AtLeastTwelveFunSoundsInAtLeastThreeGroups)
     }
     EXPECT_GE(sounds, 12);
     EXPECT_GE(groups.size(), 3u);
+}
+
+// A first start finds the background slots and the fun sound list filled with what is shipped.
+TEST(ShippedSounds, TheShippedSettingsUseThemOutOfTheBox)
+{
+    Config settings(DataDir().string());
+    settings.LoadAll();
+    for (const BackSound& slot : settings.m_backSounds) {
+        ASSERT_FALSE(slot.m_file.empty()) << "every background slot holds a shipped loop";
+        EXPECT_TRUE(fs::is_regular_file(SettingsPathToFs(slot.m_file, (DataDir() / "backsounds/").string())))
+            << slot.m_file;
+        EXPECT_FALSE(slot.m_descr.empty());
+        EXPECT_GE(slot.m_volume, 30);
+        EXPECT_LE(slot.m_volume, 80) << "a background stays below the voice";
+    }
+    EXPECT_GE(settings.m_emotics.size(), 12U);
+    std::set<std::string> files;
+    for (const Emotic& sound : settings.m_emotics) {
+        EXPECT_FALSE(sound.m_name.empty());
+        EXPECT_TRUE(fs::is_regular_file(SettingsPathToFs(sound.m_file, (DataDir() / "emoticsounds/").string())))
+            << sound.m_file;
+        files.insert(sound.m_file);
+    }
+    EXPECT_EQ(files.size(), settings.m_emotics.size()) << "each shipped fun sound is offered once";
+    EXPECT_FALSE(settings.m_wizard) << "the wizard still runs on a first start";
 }
 
 TEST(ShippedSounds, WizardTestSoundIsAShortLoop)

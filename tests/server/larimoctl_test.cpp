@@ -5,11 +5,15 @@
 #include "config.h"
 
 #include <gtest/gtest.h>
+#include <sndfile.h>
 #include <sys/wait.h>
 
 #include <array>
+#include <cmath>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
+#include <vector>
 
 namespace larimo {
 namespace {
@@ -93,6 +97,55 @@ TEST_F(LarimoctlTest, UsageErrorsChangeNothing)
     const Outcome help = Run("--help");
     EXPECT_EQ(help.status, 0);
     EXPECT_NE(help.output.find("background-volume N V"), std::string::npos);
+}
+
+// A sound of another kind than WAV, made with the library the import reads it with.
+void WriteTone(const fs::path& path, int format)
+{
+    SF_INFO info{};
+    info.samplerate = 44100;
+    info.channels = 1;
+    info.format = format;
+    SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
+    ASSERT_NE(file, nullptr) << sf_strerror(nullptr);
+    std::vector<short> tone(22050);
+    for (size_t i = 0; i < tone.size(); ++i)
+        tone[i] = static_cast<short>(6000 * std::sin(2 * 3.14159265 * 440 * static_cast<double>(i) / 44100));
+    sf_write_short(file, tone.data(), static_cast<sf_count_t>(tone.size()));
+    sf_close(file);
+}
+
+TEST_F(LarimoctlTest, ImportTakesEveryKindOfSoundAndSaysWhichFilesItRefusedAndWhy)
+{
+    fs::copy(fs::path(LARIMO_SOURCE_DIR) / "data" / "lang", m_service.Folder() / "lang", fs::copy_options::recursive);
+    const fs::path outside = m_service.Folder() / "outside";
+    fs::create_directories(outside);
+    WriteTone(outside / "Sea.mp3", SF_FORMAT_MPEG | SF_FORMAT_MPEG_LAYER_III);
+    WriteTone(outside / "Whistle.flac", SF_FORMAT_FLAC | SF_FORMAT_PCM_16);
+    std::ofstream(outside / "notes.ogg") << "no sound in here";
+
+    const Outcome background = Run("import background " + (outside / "Sea.mp3").string() + " " +
+                                   (outside / "notes.ogg").string());
+    EXPECT_EQ(background.status, 1) << background.output;
+    EXPECT_NE(background.output.find("as Sea.wav"), std::string::npos) << background.output;
+    EXPECT_NE(background.output.find("notes.ogg: \"notes.ogg\" is not a sound file Larimo can read."),
+              std::string::npos)
+        << background.output;
+    EXPECT_TRUE(fs::is_regular_file(m_service.Folder() / "backsounds" / "Sea.wav"));
+    EXPECT_FALSE(fs::exists(m_service.Folder() / "backsounds" / "notes.wav"));
+
+    const Outcome fun = Run("import fun Birds " + (outside / "Whistle.flac").string());
+    EXPECT_EQ(fun.status, 0) << fun.output;
+    EXPECT_TRUE(fs::is_regular_file(m_service.Folder() / "emoticsounds" / "Birds" / "Whistle.wav"));
+    EXPECT_EQ(Run("import fun Birds " + (outside / "Whistle.flac").string()).status, 1) << "the name is taken";
+
+    const Outcome sounds = Run("sounds");
+    EXPECT_EQ(sounds.status, 0) << sounds.output;
+    for (const char* line : {"Background sounds:\n  Sea.wav\n", "  Birds\\Whistle.wav\n", "  Voices\\Laugh.wav\n",
+                             "Background slots:\n  1: empty\n", "  2: Boing (Effects\\Boing.wav)\n"})
+        EXPECT_NE(sounds.output.find(line), std::string::npos) << line << "\n" << sounds.output;
+    EXPECT_EQ(Run("import").status, 2);
+    EXPECT_EQ(Run("import fun Birds").status, 2);
 }
 
 TEST_F(LarimoctlTest, WithTheServiceCommandsReachItAndStatusShowsThem)
