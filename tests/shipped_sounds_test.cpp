@@ -229,8 +229,13 @@ TEST(ShippedSounds, AtLeastTwelveFunSoundsInAtLeastThreeGroups)
 // A first start finds the background slots and the fun sound list filled with what is shipped.
 TEST(ShippedSounds, TheShippedSettingsUseThemOutOfTheBox)
 {
-    Config settings(DataDir().string());
+    // Read from a copy: reading takes a lock file beside the settings.
+    const fs::path copy = fs::temp_directory_path() / ("larimo-shipped-" + std::to_string(::getpid()));
+    fs::create_directories(copy);
+    fs::copy_file(DataDir() / "config.ini", copy / "config.ini", fs::copy_options::overwrite_existing);
+    Config settings(copy.string());
     settings.LoadAll();
+    fs::remove_all(copy);
     for (const BackSound& slot : settings.m_backSounds) {
         ASSERT_FALSE(slot.m_file.empty()) << "every background slot holds a shipped loop";
         EXPECT_TRUE(fs::is_regular_file(SettingsPathToFs(slot.m_file, (DataDir() / "backsounds/").string())))
