@@ -45,6 +45,8 @@ namespace {
 constexpr const char* kTraceMemoryName = "Global\\MO_SHM_OSCI";
 constexpr uint32_t kShareMemReadWrite = 2;
 constexpr int kCancelCommand = 1;
+// The text of the menus' Cancel entry.
+constexpr unsigned kCancelText = 187;
 constexpr int kFirstItemCommand = 2;
 constexpr int kMaxFunSoundFlags = 60;
 constexpr int kVolumeStep = 10;
@@ -534,7 +536,7 @@ void CLarimoDlg::ConfigEffect(int slot)
     QMenu menu(this);
     for (size_t i = 0; i < m_settings.m_effects.size(); ++i)
         menu.addAction(Q(m_settings.m_effects[i].m_name))->setData(static_cast<int>(i) + kFirstItemCommand);
-    menu.addAction(QStringLiteral("Cancel"))->setData(kCancelCommand);
+    menu.addAction(QString::fromStdString(GetText(kCancelText)))->setData(kCancelCommand);
     QAction* chosen = RunMenu(menu, ControlAs<CFFButton>(kEffectConfig1 + slot)->mapToGlobal(QPoint(0, 0)));
     if (chosen == nullptr)
         return;
@@ -628,7 +630,7 @@ void CLarimoDlg::ConfigEmotic(int row, int x, int y)
     QMenu menu(list);
     const std::string root = LibFunSoundsFolder();
     CollectFunSounds(root, root, menu, paths);
-    menu.addAction(QStringLiteral("Cancel"))->setData(kCancelCommand);
+    menu.addAction(QString::fromStdString(GetText(kCancelText)))->setData(kCancelCommand);
     QAction* chosen = RunMenu(menu, QPoint(x, y));
     if (chosen == nullptr)
         return;

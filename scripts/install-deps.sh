@@ -18,7 +18,7 @@ packages=(
   # sound generation (scripts/make-sounds.sh)
   sox espeak-ng
   # third-party VST 2 plug-ins the effect host is tested against
-  dpf-plugins-vst
+  dpf-plugins-vst zam-plugins
   # a real call client in the end-to-end test (headless Chromium, driven by python3)
   chromium python3
   # the voice service as a systemd user unit (sd-bus)

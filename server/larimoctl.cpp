@@ -284,9 +284,11 @@ int main(int argc, char** argv)
     SetDataRoot(root);
     LibInit(root);
     LogOpen(root + "larimocl.log", true, false, false, false, false);
-    // The library's messages are texts of the user's language.
-    if (!StartTexts())
-        std::fprintf(stderr, "larimoctl: the language file cannot be read; messages may be missing.\n");
+    // The library's messages are texts of the user's language; only its commands need them.
+    const bool libraryCommand = !args.empty() && (args[0] == "import" || args[0] == "sounds");
+    if (libraryCommand && !StartTexts())
+        std::fprintf(stderr, "larimoctl: the language file named in config.ini cannot be read; "
+                             "the reasons for refused files cannot be shown.\n");
     int result = kUsage;
     try {
         result = Run(args);
@@ -296,7 +298,6 @@ int main(int argc, char** argv)
     }
     SetCommandClient(nullptr);
     EndTexts();
-    const bool libraryCommand = !args.empty() && (args[0] == "import" || args[0] == "sounds");
     if (result == kNotRunning && !libraryCommand && !(args.size() == 1 && args[0] == "status"))
         std::fprintf(stderr, "larimoctl: the voice service is not running.\n");
     return result;

@@ -143,6 +143,17 @@ void Config::ReadGeneral()
     ReadGeneral(LoadConfigFile());
 }
 
+std::string DefaultHelpFile(std::string_view langFile)
+{
+    // "...\\larimo_de.tra" is German. The help is written in German and in English; every
+    // other language reads the English one.
+    const size_t slash = langFile.find_last_of("\\/");
+    std::string_view name = slash == std::string_view::npos ? langFile : langFile.substr(slash + 1);
+    constexpr std::string_view kGerman = "_de.tra";
+    const bool german = name.size() >= kGerman.size() && EqualsNoCase(name.substr(name.size() - kGerman.size()), kGerman);
+    return german ? "help\\larimo_de.chm" : "help\\en\\larimo_en.chm";
+}
+
 void Config::ReadGeneral(const IniDocument& document)
 {
     m_activeEffect = ActiveSlot(document, "activeEffect");
@@ -151,7 +162,7 @@ void Config::ReadGeneral(const IniDocument& document)
     m_version = document.Get(kSys, "version", "0");
     m_langsPath = document.Get(kSys, "langsPath", ".\\lang\\");
     m_langFile = document.Get(kSys, "langFile", ".\\lang\\larimo_en.tra");
-    m_helpFile = document.Get(kSys, "helpFile", "help\\larimo_de.chm");
+    m_helpFile = document.Get(kSys, "helpFile", DefaultHelpFile(m_langFile));
     m_skinFile = document.Get(kSys, "skinFile", ".\\skins\\en\\Default.sdf");
     m_homePage = document.Get(kSys, "homePage", "");
 }

@@ -20,6 +20,10 @@
 
 namespace larimo {
 
+/// The help file the settings name when they name none: the help in the language of
+/// `langFile` (German or English). Any thread.
+std::string DefaultHelpFile(std::string_view langFile);
+
 /// The name under which the virtual microphone appears; never stored.
 inline constexpr std::string_view kVirtualDeviceName = "Larimo Microphone";
 /// What `m_mixInSrc` holds until the sound cards are read: U+FFFF, a character no line name has.

@@ -10,6 +10,7 @@
 #include "wintools.h"
 
 #include <algorithm>
+#include <cmath>
 #include <thread>
 
 namespace larimo {
@@ -45,15 +46,16 @@ std::string TrimBlanks(const std::string& text)
 }
 
 // RT call.
+// Plug-ins work at the published full scale of +-1.0: one 16-bit step is 1 / 32768.
+constexpr float kFullScale = 32768.0f;
+
 int16_t ToSample(float value) noexcept
 {
     if (value != value)
         return 0;
-    if (value > 32767.0f)
-        return 32767;
-    if (value < -32768.0f)
-        return -32768;
-    return static_cast<int16_t>(value);
+    const float clamped = std::clamp(value, -1.0f, 1.0f);
+    const long rounded = std::lrint(clamped * kFullScale);
+    return static_cast<int16_t>(std::clamp(rounded, -32768L, 32767L));
 }
 
 } // namespace
@@ -394,7 +396,7 @@ void MoAudioEffect::ProcessMono(int16_t* samples, size_t byteCount) noexcept
             const size_t frames = std::min(remaining, static_cast<size_t>(kBlockSize));
             float* input = m_inputs[0];
             for (size_t i = 0; i < frames; ++i)
-                input[i] = static_cast<float>(samples[i]);
+                input[i] = static_cast<float>(samples[i]) / kFullScale;
             // The plug-in may have written into any buffer last time; it gets silence on the
             // other inputs and clean outputs (the accumulating form adds into them).
             for (size_t c = 1; c < m_inputs.size(); ++c)

@@ -103,8 +103,8 @@ public:
 
     /// Runs the effect in place over `byteCount / 2` signed 16-bit mono samples; does nothing
     /// unless an effect is loaded and processing is enabled. The plug-in sees the samples as
-    /// floats in the 16-bit range (not scaled to +-1) on its first input, zeros on the others;
-    /// its first output comes back clipped to 16 bits and truncated toward zero.
+    /// floats at full scale +-1.0 (sample / 32768) on its first input, zeros on the others;
+    /// its first output comes back clipped to +-1.0 and rounded to 16 bits.
     /// A fault stops all further processing; it is logged and the plug-in dropped on the next
     /// call on the control thread. RT call: no allocation, no lock, no log. Call
     /// CrashGuard::PrepareThread() on the audio thread first.

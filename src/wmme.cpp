@@ -729,12 +729,30 @@ unsigned PaGetDevNByName(const std::string& name, int type, int& device)
             result = kMmeDeviceNotFound;
         } else {
             const CSoundDevices devices(DirectionOfType(type));
-            const int index = devices.FindByName(name);
+            const std::shared_ptr<AudioBackend> backend = CurrentAudioBackend();
+            // The description the user chose wins; a part of it is only a fallback for names
+            // that changed a little (a number added by the sound server). A monitor hears the
+            // speakers, so a recording device is never a monitor by a part of its name: a
+            // headset's microphone and speakers usually share one description.
+            int index = -1;
+            const char* why = "its description is the stored name";
+            for (int i = 0; i < devices.Count() && index < 0; ++i) {
+                if (devices.Name(i) == name)
+                    index = i;
+            }
+            for (int i = 0; i < devices.Count() && index < 0; ++i) {
+                if (devices.Name(i).find(name) == std::string::npos)
+                    continue;
+                if (type == 1 && backend->IsMonitorDevice(devices.WaveDevice(i)))
+                    continue;
+                index = i;
+                why = "its description contains the stored name";
+            }
             if (index < 0) {
                 result = kMmeDeviceNotFound;
             } else {
                 device = devices.WaveDevice(index);
-                LogInfo("SoundDev=\"%s\" id=%d", devices.Name(index).c_str(), device);
+                LogInfo("SoundDev=\"%s\" id=%d (%s)", devices.Name(index).c_str(), device, why);
             }
         }
     }

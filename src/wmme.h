@@ -214,7 +214,9 @@ private:
 
 // Device numbers and names. Types: 1 recording, 2 playback. Caller thread.
 
-/// The wave device number of the first device of `type` whose name contains `name`.
+/// The wave device number of the device of `type` whose name is `name`, else of the first one
+/// whose name contains it; for recording, a monitor of a playback device is found only by its
+/// whole name.
 unsigned PaGetDevNByName(const std::string& name, int type, int& device);
 /// The names of all devices of `type`, empty names left out.
 unsigned PaGetSoundDevList(std::vector<std::string>& names, int type);

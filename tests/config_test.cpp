@@ -74,6 +74,15 @@ TEST_F(ConfigTest, ANewObjectHoldsOnlyItsStartValues)
     EXPECT_TRUE(config.m_effects.empty());
 }
 
+TEST(DefaultHelpFile, FollowsTheLanguageOfTheInterface)
+{
+    EXPECT_EQ(DefaultHelpFile(".\\lang\\larimo_de.tra"), "help\\larimo_de.chm");
+    EXPECT_EQ(DefaultHelpFile("/opt/larimo/lang/LARIMO_DE.TRA"), "help\\larimo_de.chm");
+    EXPECT_EQ(DefaultHelpFile(".\\lang\\larimo_en.tra"), "help\\en\\larimo_en.chm");
+    EXPECT_EQ(DefaultHelpFile("larimo_fr.tra"), "help\\en\\larimo_en.chm") << "no French help: English";
+    EXPECT_EQ(DefaultHelpFile(""), "help\\en\\larimo_en.chm");
+}
+
 TEST_F(ConfigTest, AMissingFileGivesTheDefaults)
 {
     Config config(m_root);
@@ -84,7 +93,7 @@ TEST_F(ConfigTest, AMissingFileGivesTheDefaults)
     EXPECT_EQ(config.m_version, "0");
     EXPECT_EQ(config.m_langsPath, ".\\lang\\");
     EXPECT_EQ(config.m_langFile, ".\\lang\\larimo_en.tra");
-    EXPECT_EQ(config.m_helpFile, "help\\larimo_de.chm");
+    EXPECT_EQ(config.m_helpFile, "help\\en\\larimo_en.chm") << "the help follows the interface language";
     EXPECT_EQ(config.m_skinFile, ".\\skins\\en\\Default.sdf");
     EXPECT_EQ(config.m_homePage, "");
     for (const BackSound& slot : config.m_backSounds)
@@ -217,7 +226,7 @@ TEST_F(ConfigTest, SectionWritersTouchOnlyTheirOwnKeys)
     EXPECT_EQ(ReadConfig(),
               "; hand-edited\r\n[sys]\r\nactiveEffect=2\r\nhomePage=https://example.org/\r\ncustom=kept\r\n"
               "activeBackSound=-1\r\nwizard=0\r\nversion=0\r\nlangsPath=.\\lang\\\r\n"
-              "langFile=.\\lang\\larimo_en.tra\r\nhelpFile=help\\larimo_de.chm\r\n"
+              "langFile=.\\lang\\larimo_en.tra\r\nhelpFile=help\\en\\larimo_en.chm\r\n"
               "skinFile=.\\skins\\en\\Default.sdf\r\n\r\n[Shortcuts]\r\nStop=Ctrl+F12\r\n");
 
     // An object that never read the address leaves it alone; slots outside 0..2 do nothing.

@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -147,17 +149,19 @@ TEST_F(Effect, APluginExportingBothEntryPointsIsEnteredThroughMain)
     EXPECT_EQ(effect.EffectName(), "Entered through main");
 }
 
-TEST_F(Effect, MonoRunsThroughTheFirstChannelsClippedAndTruncated)
+TEST_F(Effect, MonoRunsThroughTheFirstChannelAtFullScaleClippedAndRounded)
 {
     TestPluginProbe probe("Stereo");
     MoAudioEffect effect;
     ASSERT_EQ(effect.SecureLoad(TestPluginPath("Stereo"), true), kVstSuccess);
 
     // The plug-in gives 2 * in + 0.9, plus 1000 times its second input, which must be silent;
-    // its second output is rubbish that must not come back.
-    std::vector<int16_t> samples{20000, -20000, 6, -6, 0, 16383, -16384};
+    // its second output is rubbish that must not come back. It works at +-1.0 full scale:
+    // 5243 is 0.16, which comes back as 1.22 and is clipped to 32767; -32768 comes back as
+    // -1.1 and is clipped to -32768.
+    std::vector<int16_t> samples{20000, -20000, 6, -6, 0, 16383, -16384, 5243, -32768, -29491};
     effect.ProcessMono(samples.data(), samples.size() * 2);
-    EXPECT_EQ(samples, (std::vector<int16_t>{32767, -32768, 12, -11, 0, 32766, -32767}));
+    EXPECT_EQ(samples, (std::vector<int16_t>{32767, -10509, 29503, 29479, 29491, 32767, -3277, 32767, -32768, -29491}));
 
     // More than one block, and an odd byte left over.
     std::vector<int16_t> longer(3000);
@@ -165,8 +169,10 @@ TEST_F(Effect, MonoRunsThroughTheFirstChannelsClippedAndTruncated)
         longer[i] = static_cast<int16_t>(static_cast<int>(i % 200) - 100);
     const std::vector<int16_t> original = longer;
     effect.ProcessMono(longer.data(), longer.size() * 2 - 1);
-    for (size_t i = 0; i + 1 < longer.size(); ++i)
-        ASSERT_EQ(longer[i], static_cast<int16_t>(2.0f * original[i] + 0.9f)) << "sample " << i;
+    for (size_t i = 0; i + 1 < longer.size(); ++i) {
+        const float out = 2.0f * (static_cast<float>(original[i]) / 32768.0f) + 0.9f;
+        ASSERT_EQ(longer[i], static_cast<int16_t>(std::lrint(out * 32768.0f))) << "sample " << i;
+    }
     EXPECT_EQ(longer.back(), original.back());
     EXPECT_EQ(probe.ProcessCount(), 1 + 3);
 
@@ -184,7 +190,8 @@ TEST_F(Effect, TheAccumulatingFormGetsCleanOutputsEveryTime)
     for (int round = 0; round < 3; ++round) {
         std::vector<int16_t> samples{100, -100, 7};
         effect.ProcessMono(samples.data(), samples.size() * 2);
-        EXPECT_EQ(samples, (std::vector<int16_t>{200, -199, 14})) << "round " << round;
+        // 2 * in + 0.9 at full scale, with nothing left over from the round before.
+        EXPECT_EQ(samples, (std::vector<int16_t>{29691, 29291, 29505})) << "round " << round;
     }
 }
 
@@ -332,7 +339,7 @@ TEST_F(Effect, AFaultWhileLoadingIsReportedAndLarimoGoesOn)
     ASSERT_EQ(effect.SafeLoad(TestPluginPath("Stereo"), true, &owner), kVstSuccess);
     std::vector<int16_t> samples{10};
     effect.ProcessMono(samples.data(), 2);
-    EXPECT_EQ(samples[0], 20);
+    EXPECT_EQ(samples[0], 29511);
 }
 
 TEST_F(Effect, AFaultWhileProcessingStopsTheEffectForGood)
@@ -404,7 +411,7 @@ TEST_F(Effect, ProcessingWhileTheEffectIsReloadedNeverSeesAHalfLoadedOne)
             effect.ProcessMono(block.data(), block.size() * 2);
             // Either untouched or fully processed by one of the two plug-ins.
             for (int16_t sample : block)
-                if (sample != 50 && sample != 100)
+                if (sample != 50 && sample != 29591)
                     wrong.fetch_add(1);
         }
     });

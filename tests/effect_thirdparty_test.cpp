@@ -2,6 +2,9 @@
 // The host against real third-party plug-ins: every VST 2 plug-in of Debian's dpf-plugins-vst.
 #include "effect.h"
 
+#include "modb.h"
+#include "wave.h"
+
 #include "EffectTestSupport.h"
 #include "WaveTestFiles.h"
 
@@ -10,6 +13,9 @@
 #include <algorithm>
 #include <cctype>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <set>
 
@@ -143,6 +149,101 @@ INSTANTIATE_TEST_SUITE_P(Ratios, PitchShifter,
                          ::testing::Values(PitchCase{0.2f, 440.0}, PitchCase{1.0f / 15.0f, 220.0},
                                            PitchCase{7.0f / 15.0f, 880.0}),
                          [](const auto& testCase) { return std::to_string(static_cast<int>(testCase.param.expectedHz)); });
+
+
+// Compressors, limiters, saturators and gates work on the level of what they get, so they are
+// where a host's scale shows: at their defaults a spoken sample must come out at about its
+// own level. Each is imported into a library of its own first, as a user would.
+struct Dynamics {
+    const char* file;
+    const char* kind;
+};
+
+class DynamicsPlugin : public ::testing::TestWithParam<Dynamics> {
+protected:
+    void SetUp() override { test::StartEnglishTexts(); }
+    // A few seconds of speech with pauses, in the library format.
+    static const std::vector<int16_t>& Speech()
+    {
+        static const std::vector<int16_t> speech = [] {
+            test::ScratchFolder folder;
+            const std::string spoken = folder.Path() + "spoken.wav";
+            const std::string command = "espeak-ng -s 150 -w '" + spoken +
+                                        "' 'The quick brown fox jumps over the lazy dog. "
+                                        "She sells sea shells by the sea shore.' 2>/dev/null";
+            std::vector<int16_t> samples;
+            if (std::system(command.c_str()) != 0)
+                return samples;
+            LibInit(folder.Path());
+            if (!LibImportBackSound(spoken))
+                return samples;
+            Wave wave;
+            if (wave.ReadFromFile(LibBackSoundPath("spoken.wav")) != kWaveSuccess)
+                return samples;
+            samples.resize(wave.DataSize() / 2);
+            std::memcpy(samples.data(), wave.Data().data(), samples.size() * 2);
+            return samples;
+        }();
+        return speech;
+    }
+    // The level of the loud half of the sample: what a listener hears as its loudness.
+    static double SpeechLevelDb(const std::vector<int16_t>& samples)
+    {
+        constexpr size_t kWindow = 2205;
+        std::vector<double> windows;
+        for (size_t i = 0; i + kWindow <= samples.size(); i += kWindow) {
+            double sum = 0;
+            for (size_t j = i; j < i + kWindow; ++j)
+                sum += static_cast<double>(samples[j]) * samples[j];
+            windows.push_back(sum / kWindow);
+        }
+        std::sort(windows.begin(), windows.end());
+        double sum = 0;
+        for (size_t i = windows.size() / 2; i < windows.size(); ++i)
+            sum += windows[i];
+        const double mean = sum / static_cast<double>(windows.size() - windows.size() / 2);
+        return 10.0 * std::log10(std::max(mean, 1e-9) / (32768.0 * 32768.0));
+    }
+
+    test::ScratchFolder m_library;
+};
+
+TEST_P(DynamicsPlugin, KeepsSpeechAtItsLevel)
+{
+    const std::string source = std::string(kPluginFolder) + "/" + GetParam().file;
+    if (!fs::exists(source))
+        GTEST_FAIL() << source << " is missing: install zam-plugins (scripts/install-deps.sh)";
+    const std::vector<int16_t>& speech = Speech();
+    ASSERT_GT(speech.size(), 44100U) << "espeak-ng made no speech";
+    LibInit(m_library.Path());
+    ASSERT_TRUE(LibImportPlugin(source)) << LibGetLastError();
+    MoAudioEffect effect;
+    ASSERT_EQ(effect.SafeLoad(LibPluginPath(LibBaseName(source)), true, nullptr), kVstSuccess);
+
+    std::vector<int16_t> processed = speech;
+    Process(effect, processed);
+    const double before = SpeechLevelDb(speech);
+    const double after = SpeechLevelDb(processed);
+    std::printf("%s (%s): speech %.1f dBFS in, %.1f dBFS out\n", GetParam().file, GetParam().kind, before, after);
+    RecordProperty("level_change_db", std::to_string(after - before));
+    EXPECT_NEAR(after, before, 12.0) << GetParam().kind << " at its defaults changes the voice's level too much";
+    EXPECT_TRUE(effect.IsLoaded());
+}
+
+INSTANTIATE_TEST_SUITE_P(Debian, DynamicsPlugin,
+                         ::testing::Values(Dynamics{"ZamComp-vst.so", "compressor"},
+                                           Dynamics{"ZamCompX2-vst.so", "compressor"},
+                                           Dynamics{"ZaMultiComp-vst.so", "multiband compressor"},
+                                           Dynamics{"ZaMaximX2-vst.so", "limiter"},
+                                           Dynamics{"ZamAutoSat-vst.so", "saturator"},
+                                           Dynamics{"ZamTube-vst.so", "tube saturator"},
+                                           Dynamics{"ZamGate-vst.so", "gate"},
+                                           Dynamics{"ZamGateX2-vst.so", "gate"}),
+                         [](const auto& testCase) {
+                             std::string name = fs::path(testCase.param.file).stem().string();
+                             std::replace(name.begin(), name.end(), '-', '_');
+                             return name;
+                         });
 
 } // namespace
 } // namespace larimo

@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <random>
+#include <sstream>
 #include <thread>
 
 namespace larimo {
@@ -135,15 +136,59 @@ TEST_F(Pulse, NamesAreFoundBySubstringInTheServersOrder)
 {
     const CSoundDevices capture(CSoundDevices::kCapture);
     int device = kNoDevice;
+    // "Monitor of Microphone Feed" comes before "Microphone (Test)" in the server's order, but a
+    // monitor is no microphone: only its whole name finds it.
     ASSERT_EQ(PaGetDevNByName("Microphone", 1, device), kMmeSuccess);
-    EXPECT_EQ(capture.FindByWaveDevice(device), capture.FindByName("Microphone"));
-    // "Monitor of Microphone Feed" comes before "Microphone (Test)" in the server's order.
+    EXPECT_EQ(capture.Name(capture.FindByWaveDevice(device)), "Microphone (Test)");
+    ASSERT_EQ(PaGetDevNByName("Monitor of Microphone Feed", 1, device), kMmeSuccess);
     EXPECT_EQ(capture.Name(capture.FindByWaveDevice(device)), "Monitor of Microphone Feed");
     ASSERT_EQ(PaGetDevNByName("(Test)", 1, device), kMmeSuccess);
     EXPECT_EQ(capture.Name(capture.FindByWaveDevice(device)), "Microphone (Test)");
     EXPECT_EQ(PaGetDevNByName("Speak", 2, device), kMmeSuccess);
     EXPECT_EQ(PaGetDevNByName("No such device", 2, device), kMmeDeviceNotFound);
     EXPECT_EQ(device, kNoDevice);
+}
+
+// A headset: its microphone and its speakers carry one description, so the speakers' monitor
+// is "Monitor of" that description. Made in both orders, the microphone is found either way.
+TEST_F(Pulse, AHeadsetsMicrophoneIsFoundAndNeverItsSpeakersMonitor)
+{
+    const auto shell = [](const std::string& command) {
+        std::string output;
+        FILE* pipe = popen(command.c_str(), "r");
+        char buffer[256];
+        while (pipe != nullptr && fgets(buffer, sizeof buffer, pipe) != nullptr)
+            output += buffer;
+        if (pipe != nullptr)
+            pclose(pipe);
+        while (!output.empty() && output.back() == '\n')
+            output.pop_back();
+        return output;
+    };
+    const std::string sink = "pactl load-module module-null-sink sink_name=headset_out "
+                             "\"sink_properties='device.description=\\\"USB Headset\\\"'\"";
+    const std::string source = "pactl load-module module-null-sink sink_name=headset_feed "
+                               "\"sink_properties='device.description=\\\"Headset Feed\\\"'\" && "
+                               "pactl load-module module-remap-source master=headset_feed.monitor "
+                               "source_name=headset_in \"source_properties='device.description=\\\"USB Headset\\\"'\"";
+    for (const bool sinkFirst : {true, false}) {
+        std::vector<std::string> modules;
+        for (const std::string& command : sinkFirst ? std::vector{sink, source} : std::vector{source, sink}) {
+            std::istringstream ids(shell(command));
+            for (std::string id; std::getline(ids, id);)
+                modules.push_back(id);
+        }
+        int device = kNoDevice;
+        ASSERT_EQ(PaGetDevNByName("USB Headset", 1, device), kMmeSuccess);
+        EXPECT_FALSE(CurrentAudioBackend()->IsMonitorDevice(device)) << (sinkFirst ? "sink first" : "source first");
+        const CSoundDevices capture(CSoundDevices::kCapture);
+        EXPECT_EQ(capture.Name(capture.FindByWaveDevice(device)), "USB Headset");
+        ASSERT_EQ(PaGetDevNByName("Headset", 1, device), kMmeSuccess);
+        EXPECT_FALSE(CurrentAudioBackend()->IsMonitorDevice(device)) << "a part of the name never finds a monitor";
+        ASSERT_EQ(PaGetDevNByName("USB Headset", 2, device), kMmeSuccess);
+        for (auto id = modules.rbegin(); id != modules.rend(); ++id)
+            shell("pactl unload-module " + *id);
+    }
 }
 
 class Changes : public MixerNotify {
