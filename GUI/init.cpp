@@ -24,7 +24,9 @@
 #include <QEventLoop>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <unistd.h>
 
@@ -105,8 +107,17 @@ CMoApp::Outcome CMoApp::InitInstance()
     SetHelpViewer(std::make_unique<DesktopHelpViewer>());
     SetEffectParamWindowFactory(&VSTEditDialog::Make);
 
-    if (!StartTexts(general.m_langsPath, general.m_langFile))
+    if (!StartTexts(general.m_langsPath, general.m_langFile)) {
+        // Nothing can be shown without texts and the log is not open yet: standard error is
+        // the only place left to say why the program ends.
+        const std::string file = LanguageFullPath(general.m_langFile, folder);
+        std::error_code ec;
+        const char* why = !std::filesystem::exists(file, ec) ? "it does not exist"
+                                                              : "it cannot be read or is not a language file";
+        std::fprintf(stderr, "larimo: the language file \"%s\" (langFile in config.ini) cannot be used: %s.\n",
+                     file.c_str(), why);
         return Outcome::kTextsFailed;
+    }
     resources.m_textsStarted = true;
 
     static QtMessageBoxSink qtSink;

@@ -13,7 +13,7 @@ scripts/install-deps.sh
 fuzz_seconds=${LARIMO_FUZZ_SECONDS:-15}
 
 echo "== Release build and app folder (build/)"
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=Release -DLARIMO_BUILD_TESTS=OFF >/dev/null
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=Release -DLARIMO_BUILD_TESTS=OFF -DLARIMO_BUILD_BENCH=ON >/dev/null
 cmake --build build
 
 echo "== Benchmarks (results in build/bench-results/)"

@@ -117,10 +117,14 @@ protected:
     std::shared_ptr<AudioBackend> m_previousAudio;
 };
 
-TEST_F(StartupTest, TextsThatCannotStartEndSilentlyBeforeTheLogOpens)
+TEST_F(StartupTest, TextsThatCannotStartEndBeforeTheLogOpensSayingWhyOnStandardError)
 {
     WriteSettings(m_folder.string() + "/lang/missing.tra", true);
+    ::testing::internal::CaptureStderr();
     EXPECT_EQ(Run(), CMoApp::Outcome::kTextsFailed);
+    const std::string said = ::testing::internal::GetCapturedStderr();
+    EXPECT_NE(said.find("the language file \"" + m_folder.string() + "/lang/missing.tra\""), std::string::npos) << said;
+    EXPECT_NE(said.find("it does not exist"), std::string::npos) << said;
     EXPECT_TRUE(m_sink.m_boxes.empty());
     EXPECT_FALSE(fs::exists(m_folder / "larimocl.log"));
     EXPECT_EQ(m_wizardRuns, 0);
