@@ -279,11 +279,13 @@ private:
     pid_t m_pid = -1;
 };
 
-Result MeasureLatency(const fs::path& root, uint32_t blockMs)
+// The delay from the microphone to the virtual microphone, dry or through the Chipmunk pitch
+// effect of slot 1.
+Result MeasureLatency(const fs::path& root, uint32_t blockMs, bool withEffect)
 {
-    Result result{"ServiceLatency/block_ms:" + std::to_string(blockMs), {}};
+    Result result{"ServiceLatency/block_ms:" + std::to_string(blockMs) + (withEffect ? "/chipmunk" : "/dry"), {}};
     Service service(root, blockMs);
-    if (!service.Ok()) {
+    if (!service.Ok() || (withEffect && service.Ctl("effect 1") != 0)) {
         std::fprintf(stderr, "bench_service: the voice service did not start\n");
         return result;
     }
@@ -320,7 +322,7 @@ Result MeasureLatency(const fs::path& root, uint32_t blockMs)
                        {"clicks_arrived", static_cast<double>(delays.size())},
                        {"median_ms", Percentile(delays, 0.5)},
                        {"p99_ms", Percentile(delays, 0.99)},
-                       {"goal_ms", blockMs >= 25 ? 40.0 : 15.0}};
+                       {"goal_ms", (blockMs >= 25 ? 40.0 : 15.0) + (withEffect ? 5.0 : 0.0)}};
     service.Stop(&result);
     return result;
 }
@@ -409,8 +411,10 @@ int main(int argc, char** argv)
     } else {
         setenv("PULSE_SERVER", ("unix:" + (root / "sound" / "native").string()).c_str(), 1);
         setenv("LARIMO_OBJECT_NAMESPACE", ("bench" + std::to_string(getpid())).c_str(), 1);
-        results.push_back(MeasureLatency(root, 25));
-        results.push_back(MeasureLatency(root, 5));
+        for (const bool withEffect : {false, true}) {
+            results.push_back(MeasureLatency(root, 25, withEffect));
+            results.push_back(MeasureLatency(root, 5, withEffect));
+        }
         for (Result& result : MeasureCpu(root, cpuSeconds))
             results.push_back(std::move(result));
         Shell(server + " stop " + (root / "sound").string() + " >/dev/null 2>&1");

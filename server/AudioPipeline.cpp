@@ -350,7 +350,9 @@ struct AudioPipeline::Control {
             Report(CrashText(*effect, path));
             return nullptr;
         }
-        LogInfo("AudioPipeline: voice effect \"%s\" loaded from \"%s\"", name.c_str(), path.c_str());
+        const int delay = effect->host.InitialDelay();
+        LogInfo("AudioPipeline: voice effect \"%s\" loaded from \"%s\", delay %d samples (%.1f ms)", name.c_str(),
+                path.c_str(), delay, delay * 1000.0 / MoAudioEffect::kSampleRate);
         m_effect = effect;
         return effect;
     }

@@ -468,6 +468,12 @@ std::string MoAudioEffect::GetParamLabel(int index)
     return TrimBlanks(PluginText("MoAudioEffect::GetParamLabel", vst::effGetParamLabel, index));
 }
 
+int MoAudioEffect::InitialDelay() const
+{
+    const vst::AEffect* effect = m_effect.load(std::memory_order_acquire);
+    return effect != nullptr ? std::max(0, effect->initialDelay) : 0;
+}
+
 std::string MoAudioEffect::LastFaultText() const
 {
     return DescribeException(m_fault);

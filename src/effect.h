@@ -154,6 +154,8 @@ public:
     const std::string& FileName() const { return m_fileName; }
     const std::string& ModulePath() const { return m_modulePath; }
     int NumInputs() const { return m_numInputs; }
+    /// The delay the plug-in says it adds, in samples (0 without an effect). Control thread.
+    int InitialDelay() const;
     int NumOutputs() const { return m_numOutputs; }
 
     /// Listeners and the flag the parameter window and the plug-in share. Set the listeners
