@@ -29,6 +29,8 @@
 #include <QCloseEvent>
 #include <QFileInfo>
 #include <QIcon>
+#include <QWindow>
+#include <QGuiApplication>
 #include <QKeyEvent>
 #include <QMenu>
 #include <QMouseEvent>
@@ -903,7 +905,8 @@ void CLarimoDlg::CreateTrayIcon()
     connect(exit, &QAction::triggered, this, [this] { OnExit(); });
     m_tray->setContextMenu(m_trayMenu);
     connect(m_tray, &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
-        if (reason == QSystemTrayIcon::DoubleClick || reason == QSystemTrayIcon::Trigger)
+        // A double-click brings the window back; a single one may be the first half of it.
+        if (reason == QSystemTrayIcon::DoubleClick)
             RestoreFromTray();
     });
 }
@@ -996,6 +999,10 @@ void CLarimoDlg::mouseMoveEvent(QMouseEvent* event)
         return;
     const QPoint local = event->position().toPoint();
     if (m_dragAnchor == QPoint(-1, -1)) {
+        // Wayland lets no program place its own window: the compositor moves it when asked.
+        if (QGuiApplication::platformName().startsWith(QLatin1String("wayland")) && windowHandle() != nullptr &&
+            windowHandle()->startSystemMove())
+            return;
         m_dragAnchor = local;
         return;
     }

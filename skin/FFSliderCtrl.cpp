@@ -131,13 +131,37 @@ int CFFSliderCtrl::PositionAt(const QPoint& point) const
     return static_cast<int>(clamped);
 }
 
+int CFFSliderCtrl::JumpPositionAt(const QPoint& point) const
+{
+    // A click beside the thumb is placed by its x coordinate in the channel narrowed by half
+    // the thumb's width on both sides, whatever the orientation; a vertical slider as narrow
+    // as its thumb has no such channel and jumps to its minimum.
+    const int half = ThumbSize().width() / 2;
+    const int low = half;
+    const int high = width() - half;
+    if (high <= low)
+        return minimum();
+    const double position = minimum() + static_cast<double>(maximum() - minimum()) / (high - low) * (point.x() - low);
+    return static_cast<int>(std::clamp(std::trunc(position), static_cast<double>(minimum()), static_cast<double>(maximum())));
+}
+
 void CFFSliderCtrl::JumpIfBesideThumb(const QPoint& point)
 {
     if (!rect().contains(point) || ThumbRect().contains(point))
         return;
-    setSliderPosition(PositionAt(point));
+    setSliderPosition(JumpPositionAt(point));
     setValue(sliderPosition());
     emit Scrolled(m_ctrlId, value());
+}
+
+void CFFSliderCtrl::wheelEvent(QWheelEvent* event)
+{
+    // The wheel moves the thumb as a drag does, so its steps are reported here: a volume
+    // turned with the wheel is sent and saved like one set with the mouse or the keys.
+    const int before = value();
+    QAbstractSlider::wheelEvent(event);
+    if (value() != before)
+        emit Scrolled(m_ctrlId, value());
 }
 
 void CFFSliderCtrl::mousePressEvent(QMouseEvent* event)

@@ -37,8 +37,10 @@ public:
     QRect ThumbRect() const;
     /// The pointer range along the groove: the client length less half a thumb at each end.
     std::pair<int, int> Channel() const;
-    /// The position a click at `point` jumps to.
+    /// The position the pointer at `point` stands for while the thumb is dragged.
     int PositionAt(const QPoint& point) const;
+    /// The position a click beside the thumb jumps to (by x alone, in either orientation).
+    int JumpPositionAt(const QPoint& point) const;
     bool IsDragging() const { return m_dragging; }
     const QPixmap& Snapshot() const { return m_snapshot; }
     ColorRef ThumbTransparentColor() const { return m_transparent; }
@@ -50,6 +52,7 @@ signals:
 protected:
     void paintEvent(QPaintEvent* event) override;
     void mousePressEvent(QMouseEvent* event) override;
+    void wheelEvent(QWheelEvent* event) override;
     void mouseMoveEvent(QMouseEvent* event) override;
     void mouseReleaseEvent(QMouseEvent* event) override;
     void resizeEvent(QResizeEvent* event) override;

@@ -26,6 +26,7 @@
 #include <QDesktopServices>
 #include <QLabel>
 #include <QMenu>
+#include <QWheelEvent>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -158,6 +159,38 @@ TEST_F(LarimoDlgTest, ControlsFollowTheServiceThroughStopKillAndRestart)
     ASSERT_TRUE(WaitConnected(true));
 }
 
+TEST_F(LarimoDlgTest, TheWheelOverAVolumeSliderSetsAndSavesTheVolume)
+{
+    CLarimoDlg& dialog = Open();
+    auto* slider = dialog.ControlAs<CFFSliderCtrl>(CLarimoDlg::kSoundSlider1);
+    CLarimoDlg::ShowSliderValue(*slider, 50);
+    for (int step = 0; step < 5; ++step) {
+        const QPointF at(slider->width() / 2.0, slider->height() / 2.0);
+        QWheelEvent wheel(at, slider->mapToGlobal(at), QPoint(), QPoint(0, 120), Qt::NoButton, Qt::NoModifier,
+                          Qt::NoScrollPhase, false);
+        QApplication::sendEvent(slider, &wheel);
+    }
+    const int shown = CLarimoDlg::SliderValue(*slider);
+    EXPECT_NE(shown, 50) << "the wheel did not move the thumb";
+    EXPECT_EQ(Saved().m_backSounds[0].m_volume, shown) << "the volume the wheel set was not saved";
+    // The next hot-key step starts from there.
+    dialog.OnHotKey(kScBackSound1VolSub);
+    EXPECT_EQ(Saved().m_backSounds[0].m_volume, std::max(0, shown - 10));
+}
+
+TEST_F(LarimoDlgTest, OnlyADoubleClickOnTheTrayIconBringsTheWindowBack)
+{
+    CLarimoDlg& dialog = Open();
+    dialog.MinimizeToTray();
+    ASSERT_NE(dialog.TrayIcon(), nullptr);
+    // Without a tray on this display the window stays in the task bar; hide it as a tray would.
+    dialog.hide();
+    emit dialog.TrayIcon()->activated(QSystemTrayIcon::Trigger);
+    EXPECT_FALSE(dialog.isVisible()) << "a single click restored the window";
+    emit dialog.TrayIcon()->activated(QSystemTrayIcon::DoubleClick);
+    EXPECT_TRUE(dialog.isVisible());
+}
+
 TEST_F(LarimoDlgTest, ASecondClickOnTheActiveSlotSwitchesItOff)
 {
     ASSERT_TRUE(m_service.Start());
@@ -195,9 +228,9 @@ TEST_F(LarimoDlgTest, HotKeysToggleSlotsAndStepVolumesWithinRange)
     CLarimoDlg::ShowSliderValue(*slider, 95);
     dialog.OnHotKey(kScBackSound1VolAdd);
     EXPECT_EQ(Saved().m_backSounds[0].m_volume, 100);
-    if (slider->orientation() == Qt::Vertical) {
-        EXPECT_EQ(slider->value(), 0) << "a vertical slider showing 100 has its thumb at the top";
-    }
+    // The default skin makes the background sliders vertical.
+    ASSERT_EQ(slider->orientation(), Qt::Vertical);
+    EXPECT_EQ(slider->value(), 0) << "a vertical slider showing 100 has its thumb at the top";
     CLarimoDlg::ShowSliderValue(*slider, 5);
     dialog.OnHotKey(kScBackSound1VolSub);
     EXPECT_EQ(Saved().m_backSounds[0].m_volume, 0);

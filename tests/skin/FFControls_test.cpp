@@ -6,6 +6,7 @@
 #include <vector>
 
 #include <QSignalSpy>
+#include <QWheelEvent>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -366,8 +367,24 @@ private slots:
         QVERIFY2(v->ThumbRect().top() > 80, "the maximum lies at the bottom");
         v->setValue(0);
         QVERIFY(v->ThumbRect().top() < 5);
+        // A click beside the thumb jumps by x alone, also on a vertical slider: this one is as
+        // narrow as its thumb, so where on it the click lands makes no difference.
+        v->setValue(50);
         SendMouse(v, QEvent::MouseButtonPress, QPoint(10, 95));
-        QCOMPARE(v->value(), 100);
+        QCOMPARE(v->value(), v->JumpPositionAt(QPoint(10, 5)));
+        SendMouse(v, QEvent::MouseButtonRelease, QPoint(10, 95));
+        QCOMPARE(v->JumpPositionAt(QPoint(10, 95)), 0);
+        QCOMPARE(v->JumpPositionAt(QPoint(10, 2)), v->JumpPositionAt(QPoint(10, 97)));
+
+        // The wheel moves the thumb and reports it, as the mouse and the keys do.
+        QSignalSpy wheeled(h, &CFFSliderCtrl::Scrolled);
+        h->setValue(50);
+        QWheelEvent wheel(QPointF(50, 10), h->mapToGlobal(QPointF(50, 10)), QPoint(), QPoint(0, 120), Qt::NoButton,
+                          Qt::NoModifier, Qt::NoScrollPhase, false);
+        QApplication::sendEvent(h, &wheel);
+        QVERIFY(h->value() != 50);
+        QCOMPARE(wheeled.count(), 1);
+        QCOMPARE(wheeled.at(0).at(1).toInt(), h->value());
 
         auto* k = new CFFSliderCtrl(&parent, Qt::Horizontal, 1010);
         QVERIFY(k->parseSkin(parser, "[K]", -1));
