@@ -286,14 +286,25 @@ unsigned Wave::Read(ByteSource& source)
     const auto data = riff.FindChunk(*form, FourCc("data"));
     if (!data)
         return kWaveFormatError;
-    // Checked before allocating: a lying size must not make us reserve gigabytes.
-    if (data->offset > source.Size() || source.Size() - data->offset < data->size) {
+    if (data->offset > source.Size()) {
         errno = EIO;
         return kWaveReadError;
     }
+    // A recorder that was stopped abruptly leaves a data chunk that declares more than the file
+    // holds: what is there is read, in whole sample frames. Checked before allocating, so a
+    // lying size never makes us reserve gigabytes.
+    std::uint64_t size = data->size;
+    const std::uint64_t present = source.Size() - data->offset;
+    if (present < size) {
+        const std::uint64_t frame = std::max<std::uint64_t>(1, format.nBlockAlign);
+        size = present / frame * frame;
+        LogWarning("WAV data chunk declares %llu bytes, the file holds %llu; reading %llu",
+                   static_cast<unsigned long long>(data->size), static_cast<unsigned long long>(present),
+                   static_cast<unsigned long long>(size));
+    }
     ByteBuffer samples;
     try {
-        samples.Resize(data->size);
+        samples.Resize(static_cast<std::size_t>(size));
     } catch (const std::bad_alloc&) {
         errno = ENOMEM;
         return kWaveReadError;
