@@ -593,9 +593,7 @@ std::string LibBaseName(const std::string& path)
     const auto dot = name.find_last_of('.');
     if (dot != std::string::npos && dot > 0)
         name.resize(dot);
-    if (!name.empty())
-        name[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(name[0])));
-    return name;
+    return CapitalizeFirst(name);
 }
 
 std::string LibGetLastError()

@@ -4,6 +4,10 @@
 #include "platform/ProcessInfo.h"
 
 #include <algorithm>
+#include <wctype.h>
+#include <locale.h>
+#include <cwctype>
+#include <clocale>
 #include <vector>
 
 namespace larimo {
@@ -96,11 +100,100 @@ std::string SettingsPathToFs(std::string_view settingsPath, std::string_view bas
     return result;
 }
 
+namespace {
+
+// The C library's Unicode character classes (glibc's C.UTF-8 knows every letter), kept apart
+// from the program's own locale so no thread's setting changes what a name matches.
+locale_t UnicodeLocale()
+{
+    static const locale_t locale = [] {
+        locale_t made = newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(nullptr));
+        return made != static_cast<locale_t>(nullptr) ? made : newlocale(LC_CTYPE_MASK, "C", static_cast<locale_t>(nullptr));
+    }();
+    return locale;
+}
+
+// One code point from `text` at `at`, which moves past it; a byte that starts no valid UTF-8
+// sequence stands for itself.
+char32_t NextCodePoint(std::string_view text, size_t& at)
+{
+    const auto lead = static_cast<unsigned char>(text[at]);
+    const int length = lead < 0x80 ? 1 : (lead >> 5) == 0x6 ? 2 : (lead >> 4) == 0xE ? 3 : (lead >> 3) == 0x1E ? 4 : 0;
+    if (length <= 1 || at + static_cast<size_t>(length) > text.size()) {
+        ++at;
+        return lead;
+    }
+    char32_t point = lead & (0x7F >> length);
+    for (int i = 1; i < length; ++i) {
+        const auto next = static_cast<unsigned char>(text[at + static_cast<size_t>(i)]);
+        if ((next & 0xC0) != 0x80) {
+            ++at;
+            return lead;
+        }
+        point = (point << 6) | (next & 0x3F);
+    }
+    at += static_cast<size_t>(length);
+    return point;
+}
+
+void AppendUtf8(std::string& out, char32_t point)
+{
+    if (point < 0x80) {
+        out += static_cast<char>(point);
+    } else if (point < 0x800) {
+        out += static_cast<char>(0xC0 | (point >> 6));
+        out += static_cast<char>(0x80 | (point & 0x3F));
+    } else if (point < 0x10000) {
+        out += static_cast<char>(0xE0 | (point >> 12));
+        out += static_cast<char>(0x80 | ((point >> 6) & 0x3F));
+        out += static_cast<char>(0x80 | (point & 0x3F));
+    } else {
+        out += static_cast<char>(0xF0 | (point >> 18));
+        out += static_cast<char>(0x80 | ((point >> 12) & 0x3F));
+        out += static_cast<char>(0x80 | ((point >> 6) & 0x3F));
+        out += static_cast<char>(0x80 | (point & 0x3F));
+    }
+}
+
+char32_t Lower(char32_t point)
+{
+    return point < 0x80 ? static_cast<char32_t>(LowerAscii(static_cast<char>(point)))
+                        : static_cast<char32_t>(towlower_l(static_cast<wint_t>(point), UnicodeLocale()));
+}
+
+} // namespace
+
+std::string FoldCase(std::string_view text)
+{
+    std::string folded;
+    folded.reserve(text.size());
+    for (size_t at = 0; at < text.size();)
+        AppendUtf8(folded, Lower(NextCodePoint(text, at)));
+    return folded;
+}
+
+std::string CapitalizeFirst(std::string_view text)
+{
+    if (text.empty())
+        return {};
+    size_t at = 0;
+    const char32_t first = NextCodePoint(text, at);
+    std::string result;
+    AppendUtf8(result, static_cast<char32_t>(towupper_l(static_cast<wint_t>(first), UnicodeLocale())));
+    result.append(text.substr(at));
+    return result;
+}
+
 bool EqualsNoCase(std::string_view a, std::string_view b)
 {
-    return a.size() == b.size() &&
-           std::equal(a.begin(), a.end(), b.begin(),
-                      [](char x, char y) { return LowerAscii(x) == LowerAscii(y); });
+    // Most names are plain ASCII: compared in place, without building folded copies.
+    const auto ascii = [](std::string_view text) {
+        return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+    };
+    if (ascii(a) && ascii(b))
+        return a.size() == b.size() &&
+               std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) { return LowerAscii(x) == LowerAscii(y); });
+    return FoldCase(a) == FoldCase(b);
 }
 
 } // namespace larimo

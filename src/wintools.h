@@ -33,6 +33,10 @@ std::string WithTrailingSlash(std::string_view folder);
 
 /// Compares two UTF-8 texts without regard to ASCII letter case.
 bool EqualsNoCase(std::string_view a, std::string_view b);
+/// UTF-8 text with every letter made lower case ("Ärger" gives "ärger"). Any thread.
+std::string FoldCase(std::string_view text);
+/// UTF-8 text with its first letter made upper case ("über" gives "Über"). Any thread.
+std::string CapitalizeFirst(std::string_view text);
 
 } // namespace larimo
 

@@ -202,6 +202,7 @@ INSTANTIATE_TEST_SUITE_P(Paths, LibBaseNameTest,
                                            BaseNameCase{"a.b.c", "A.b"},
                                            BaseNameCase{".hidden", ".hidden"},
                                            BaseNameCase{"noext", "Noext"},
+                                           BaseNameCase{"/effects/über.so", "Über"},
                                            BaseNameCase{"dir.d/", ""},
                                            BaseNameCase{"", ""},
                                            BaseNameCase{"x/9lives.wav", "9lives"}));

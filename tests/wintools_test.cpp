@@ -35,11 +35,31 @@ TEST(DataRoot, DefaultsToTheProgramFolderAndGetsATrailingSlash)
     SetDataRoot(ProgramFolder());
 }
 
-TEST(EqualsNoCase, IgnoresAsciiCaseOnly)
+TEST(EqualsNoCase, IgnoresTheCaseOfEveryLetter)
 {
     EXPECT_TRUE(EqualsNoCase("Reverb", "reVERB"));
     EXPECT_FALSE(EqualsNoCase("Reverb", "Reverb2"));
     EXPECT_FALSE(EqualsNoCase("a", "b"));
+    EXPECT_TRUE(EqualsNoCase("Ärger", "ärger"));
+    EXPECT_TRUE(EqualsNoCase("ÜBER ALLES", "über alles"));
+    EXPECT_TRUE(EqualsNoCase("Ελληνικά", "ελληνικά"));
+    EXPECT_TRUE(EqualsNoCase("ПРИВЕТ", "привет"));
+    EXPECT_FALSE(EqualsNoCase("Ärger", "Arger"));
+    EXPECT_FALSE(EqualsNoCase("é", "e"));
+    // Bytes that are no UTF-8 compare as themselves.
+    EXPECT_TRUE(EqualsNoCase("\xFF\xFE" "a", "\xFF\xFE" "A"));
+    EXPECT_FALSE(EqualsNoCase("\xC3", "\xC4"));
+}
+
+TEST(CapitalizeFirst, MakesTheFirstLetterUpperCaseWhateverTheAlphabet)
+{
+    EXPECT_EQ(CapitalizeFirst("über"), "Über");
+    EXPECT_EQ(CapitalizeFirst("ärger.so"), "Ärger.so");
+    EXPECT_EQ(CapitalizeFirst("école"), "École");
+    EXPECT_EQ(CapitalizeFirst("reverb"), "Reverb");
+    EXPECT_EQ(CapitalizeFirst("9lives"), "9lives");
+    EXPECT_EQ(CapitalizeFirst(""), "");
+    EXPECT_EQ(FoldCase("Straße ÄÖÜ"), "straße äöü");
 }
 
 } // namespace
