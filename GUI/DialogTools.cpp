@@ -5,7 +5,9 @@
 #include "texts.h"
 
 #include <QFileDialog>
+#include <QHBoxLayout>
 #include <QPushButton>
+#include <QVBoxLayout>
 #include <QStringList>
 
 namespace larimo {
@@ -34,6 +36,18 @@ void SetCtrlId(QWidget* widget, int id)
 QString UiText(unsigned id)
 {
     return QString::fromStdString(GetText(id));
+}
+
+QHBoxLayout* ListWithButtons(QWidget* list, std::initializer_list<QWidget*> buttons)
+{
+    auto* column = new QVBoxLayout;
+    for (QWidget* button : buttons)
+        column->addWidget(button);
+    column->addStretch(1);
+    auto* row = new QHBoxLayout;
+    row->addWidget(list, 1);
+    row->addLayout(column);
+    return row;
 }
 
 QPushButton* MakeButton(QWidget* parent, unsigned textId, int ctrlId)

@@ -6,8 +6,10 @@
 #include <QString>
 
 #include <functional>
+#include <initializer_list>
 #include <string>
 
+class QHBoxLayout;
 class QPushButton;
 class QWidget;
 
@@ -21,6 +23,10 @@ void SetCtrlId(QWidget* widget, int id);
 
 /// A text of the string table as a QString. Window thread.
 QString UiText(unsigned id);
+
+/// A list with its buttons in a column on its right, as the library lists of the options show
+/// them; the caller adds the layout to its own.
+QHBoxLayout* ListWithButtons(QWidget* list, std::initializer_list<QWidget*> buttons);
 
 /// A push button with a text of the string table and a control id.
 QPushButton* MakeButton(QWidget* parent, unsigned textId, int ctrlId);

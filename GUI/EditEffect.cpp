@@ -79,14 +79,7 @@ CEditEffect::CEditEffect(QWidget* parent, VoiceEffect& effect, Config& real, Con
     form->addWidget(m_name, 0, 1);
     form->addWidget(new QLabel(UiText(kUsedText), this), 1, 0);
     form->addWidget(m_used, 1, 1);
-    auto* side = new QVBoxLayout;
-    side->addWidget(m_use);
-    side->addWidget(m_import);
-    side->addWidget(m_delete);
-    side->addStretch(1);
-    auto* library = new QHBoxLayout;
-    library->addWidget(m_list, 1);
-    library->addLayout(side);
+    QHBoxLayout* library = ListWithButtons(m_list, {m_use, m_import, m_delete});
     auto* buttons = new QDialogButtonBox(this);
     buttons->addButton(m_ok, QDialogButtonBox::AcceptRole);
     buttons->addButton(cancel, QDialogButtonBox::RejectRole);

@@ -11,6 +11,7 @@
 #include "MoListBox.h"
 #include "SkinObjects.h"
 #include "SkinParser.h"
+#include "TraceMemory.h"
 #include "osci.h"
 
 #include "error.h"
@@ -511,8 +512,14 @@ void CLarimoDlg::UpdateOsci()
         try {
             uint32_t bytes = 0;
             m_trace->ReadAt(&bytes, sizeof bytes, 0);
-            samples.resize(bytes / 2);
-            m_trace->ReadAt(samples.data(), samples.size() * 2, 4);
+            // The word is checked against the mapping before anything is sized by it.
+            if (const std::optional<size_t> count = TraceSampleCount(bytes, m_trace->Size())) {
+                samples.resize(*count);
+                m_trace->ReadAt(samples.data(), samples.size() * 2, 4);
+            } else {
+                LogError("CLarimoDlg::UpdateOsci: the trace claims %u bytes in a mapping of %zu", bytes,
+                         m_trace->Size());
+            }
         } catch (ShmErrorNum error) {
             LogError("CLarimoDlg::UpdateOsci: %s", ShmErrorText(error).c_str());
             samples.clear();

@@ -75,14 +75,7 @@ CPgBackSounds::CPgBackSounds(COptionsSheet& sheet)
     connect(import, &QPushButton::clicked, this, &CPgBackSounds::OnImport);
     connect(remove, &QPushButton::clicked, this, &CPgBackSounds::OnDelete);
     connect(m_list, &QListWidget::itemDoubleClicked, this, [this] { OnTest(); });
-    auto* side = new QVBoxLayout;
-    side->addWidget(m_test);
-    side->addWidget(import);
-    side->addWidget(remove);
-    side->addStretch(1);
-    auto* library = new QHBoxLayout;
-    library->addWidget(m_list, 1);
-    library->addLayout(side);
+    QHBoxLayout* library = ListWithButtons(m_list, {m_test, import, remove});
     auto* layout = new QVBoxLayout(this);
     layout->addLayout(slotRows);
     layout->addWidget(new QLabel(UiText(kAvailableText), this));

@@ -82,10 +82,6 @@ CPgEffects::CPgEffects(COptionsSheet& sheet)
     connect(create, &QPushButton::clicked, this, &CPgEffects::OnNew);
     connect(m_edit, &QPushButton::clicked, this, &CPgEffects::OnEdit);
     connect(m_delete, &QPushButton::clicked, this, &CPgEffects::OnDelete);
-    auto* side = new QVBoxLayout;
-    for (QPushButton* button : {m_test, create, m_edit, m_delete})
-        side->addWidget(button);
-    side->addStretch(1);
 
     auto* listen = new QGroupBox(UiText(kListenText), this);
     m_always = new QRadioButton(UiText(kAlwaysText), listen);
@@ -105,9 +101,7 @@ CPgEffects::CPgEffects(COptionsSheet& sheet)
         SetModified(true);
     });
 
-    auto* library = new QHBoxLayout;
-    library->addWidget(m_list, 1);
-    library->addLayout(side);
+    QHBoxLayout* library = ListWithButtons(m_list, {m_test, create, m_edit, m_delete});
     auto* layout = new QVBoxLayout(this);
     layout->addLayout(slotRows);
     layout->addWidget(new QLabel(UiText(kAvailableText), this));

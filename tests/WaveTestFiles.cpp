@@ -232,4 +232,12 @@ void StartEnglishTexts()
     ASSERT_TRUE(started);
 }
 
+std::map<std::string, std::uintmax_t> FolderSnapshot(const std::string& root)
+{
+    std::map<std::string, std::uintmax_t> files;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root))
+        files[entry.path().string()] = entry.is_regular_file() ? entry.file_size() : 0;
+    return files;
+}
+
 } // namespace larimo::test

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <span>
 #include <string>
 #include <vector>
@@ -65,6 +66,10 @@ SineFit FitSine(const std::vector<double>& signal, double rate, double guessHz, 
 
 /// A fresh folder below the system's temporary folder, removed with everything in it when the
 /// object goes. Its path ends in '/'.
+/// Every file and folder below `root` with its size (0 for folders): two snapshots compare
+/// equal when nothing was added, removed or resized.
+std::map<std::string, std::uintmax_t> FolderSnapshot(const std::string& root);
+
 class ScratchFolder {
 public:
     ScratchFolder();

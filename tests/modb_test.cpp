@@ -35,13 +35,7 @@ protected:
     }
 
     // Every file below the program folder with its size.
-    std::map<std::string, std::uintmax_t> Snapshot() const
-    {
-        std::map<std::string, std::uintmax_t> files;
-        for (const auto& entry : fs::recursive_directory_iterator(m_root.Path()))
-            files[entry.path().string()] = entry.is_regular_file() ? entry.file_size() : 0;
-        return files;
-    }
+    std::map<std::string, std::uintmax_t> Snapshot() const { return test::FolderSnapshot(m_root.Path()); }
 
     test::ScratchFolder m_root;
     test::ScratchFolder m_sources;

@@ -65,6 +65,7 @@ void OptionsTest::SetUp()
 
 void OptionsTest::TearDown()
 {
+    m_sheet.reset();
     SetCommandClient(nullptr);
     SetMessageBoxSink(nullptr);
     EndTexts();
@@ -87,6 +88,15 @@ int OptionsTest::Requests(uint32_t code) const
     for (std::string line; std::getline(log, line);)
         count += line.find(needle) != std::string::npos ? 1 : 0;
     return count;
+}
+
+COptionsSheet& OptionsTest::OpenSheet(int index, CMoListBox* funSounds)
+{
+    m_sheet = std::make_unique<COptionsSheet>(nullptr, *m_settings, &m_connected);
+    m_sheet->AddPages(funSounds);
+    m_sheet->show();
+    m_sheet->SetActivePage(index);
+    return *m_sheet;
 }
 
 std::string OptionsTest::File(const std::string& name) const

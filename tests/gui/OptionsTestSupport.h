@@ -5,6 +5,7 @@
 #pragma once
 
 #include "../server/ServiceProcess.h"
+#include "OptionsSheet.h"
 #include "config.h"
 #include "error.h"
 
@@ -15,6 +16,10 @@
 #include <memory>
 #include <string>
 #include <vector>
+
+namespace larimo {
+class CMoListBox;
+}
 
 namespace larimo::test {
 
@@ -48,11 +53,19 @@ protected:
     int Requests(uint32_t code) const;
     /// A file of the app folder as text.
     std::string File(const std::string& name) const;
+    /// Opens a sheet with every page on the real settings, shown, with page `index` active.
+    COptionsSheet& OpenSheet(int index, CMoListBox* funSounds = nullptr);
+    template <typename Page>
+    Page& OpenPage(int index)
+    {
+        return *qobject_cast<Page*>(OpenSheet(index).Page(index));
+    }
 
     ServiceProcess m_service;
     AnsweringSink m_sink;
     std::unique_ptr<Config> m_settings;
     std::atomic<bool> m_connected{false};
+    std::unique_ptr<COptionsSheet> m_sheet;
 };
 
 } // namespace larimo::test

@@ -72,15 +72,7 @@ protected:
         OptionsTest::TearDown();
     }
 
-    CPgEffects& Page()
-    {
-        m_sheet = std::make_unique<COptionsSheet>(nullptr, *m_settings, &m_connected);
-        m_sheet->AddPages(nullptr);
-        m_sheet->show();
-        auto* page = qobject_cast<CPgEffects*>(m_sheet->Page(0));
-        EXPECT_NE(page, nullptr);
-        return *page;
-    }
+    CPgEffects& Page() { return OpenPage<CPgEffects>(0); }
 
     int Row(CPgEffects& page, const QString& name)
     {
@@ -91,7 +83,6 @@ protected:
         return -1;
     }
 
-    std::unique_ptr<COptionsSheet> m_sheet;
 };
 
 TEST_F(EffectsPageTest, TheListShowsEveryEffectAndTakingWithoutASelectionEmptiesTheSlot)

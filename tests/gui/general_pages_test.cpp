@@ -58,24 +58,12 @@ protected:
         OptionsTest::TearDown();
     }
 
-    template <typename Page>
-    Page& Open(int index)
-    {
-        m_sheet = std::make_unique<COptionsSheet>(nullptr, *m_settings, &m_connected);
-        m_sheet->AddPages(nullptr);
-        m_sheet->show();
-        m_sheet->SetActivePage(index);
-        auto* page = qobject_cast<Page*>(m_sheet->Page(index));
-        EXPECT_NE(page, nullptr);
-        return *page;
-    }
-    CPgShortcuts& Shortcuts() { return Open<CPgShortcuts>(3); }
-    CPgSoundCard& SoundCard() { return Open<CPgSoundCard>(4); }
+    CPgShortcuts& Shortcuts() { return OpenPage<CPgShortcuts>(3); }
+    CPgSoundCard& SoundCard() { return OpenPage<CPgSoundCard>(4); }
 
     static QString KeyText(CPgShortcuts& page, int row) { return page.List()->topLevelItem(row)->text(1); }
 
     fs::path m_config;
-    std::unique_ptr<COptionsSheet> m_sheet;
 };
 
 TEST_F(GeneralPagesTest, PressedKeysBecomeTheBindingInTheTextOfTheSettings)

@@ -85,17 +85,6 @@ protected:
         OptionsTest::TearDown();
     }
 
-    template <typename Page>
-    Page& Open(int index)
-    {
-        m_sheet = std::make_unique<COptionsSheet>(nullptr, *m_settings, &m_connected);
-        m_sheet->AddPages(nullptr);
-        m_sheet->show();
-        m_sheet->SetActivePage(index);
-        auto* page = qobject_cast<Page*>(m_sheet->Page(index));
-        EXPECT_NE(page, nullptr);
-        return *page;
-    }
     void Choose(const std::string& path)
     {
         SetOpenFileChooser([path](QWidget*, const QString& filter) {
@@ -123,12 +112,11 @@ protected:
     }
 
     fs::path m_outside;
-    std::unique_ptr<COptionsSheet> m_sheet;
 };
 
 TEST_F(SoundPagesTest, BackgroundSlotsTakeTheSelectedSoundAtFullVolumeWithItsNameAsDescription)
 {
-    CPgBackSounds& page = Open<CPgBackSounds>(1);
+    CPgBackSounds& page = OpenPage<CPgBackSounds>(1);
     ASSERT_EQ(page.List()->count(), 2);
     EXPECT_EQ(page.List()->currentItem()->text(), "Cafe") << "the first entry is selected after a refill";
     EXPECT_EQ(page.SlotText(0)->text(), "Rain");
@@ -153,7 +141,7 @@ TEST_F(SoundPagesTest, BackgroundSlotsTakeTheSelectedSoundAtFullVolumeWithItsNam
 
 TEST_F(SoundPagesTest, TestPlaysTheSoundAndLeavingTheTabPutsTheCaptionBack)
 {
-    CPgBackSounds& page = Open<CPgBackSounds>(1);
+    CPgBackSounds& page = OpenPage<CPgBackSounds>(1);
     page.OnTest();
     EXPECT_TRUE(page.IsPlaying());
     EXPECT_TRUE(page.Test().IsRunning());
@@ -167,7 +155,7 @@ TEST_F(SoundPagesTest, TestPlaysTheSoundAndLeavingTheTabPutsTheCaptionBack)
 TEST_F(SoundPagesTest, DeletingABackgroundInARealSlotEmptiesItEverywhereAtOnce)
 {
     Connect();
-    CPgBackSounds& page = Open<CPgBackSounds>(1);
+    CPgBackSounds& page = OpenPage<CPgBackSounds>(1);
     const int selects = Requests(kCmdBackSoundSelect);
     page.List()->setCurrentRow(1);
     ASSERT_EQ(page.List()->currentItem()->text(), "Rain");
@@ -186,7 +174,7 @@ TEST_F(SoundPagesTest, DeletingABackgroundInARealSlotEmptiesItEverywhereAtOnce)
 
 TEST_F(SoundPagesTest, AnMp3IsImportedAndAReplaceAnsweredNoChangesNothing)
 {
-    CPgBackSounds& page = Open<CPgBackSounds>(1);
+    CPgBackSounds& page = OpenPage<CPgBackSounds>(1);
     Choose(WriteMp3(m_outside / "Waves.mp3"));
     page.OnImport();
     ASSERT_TRUE(LibBackSoundExists("Waves.wav")) << (m_sink.m_texts.empty() ? "" : m_sink.m_texts.back());
@@ -208,7 +196,7 @@ TEST_F(SoundPagesTest, AnMp3IsImportedAndAReplaceAnsweredNoChangesNothing)
 
 TEST_F(SoundPagesTest, FunSoundsShowTheLibraryTreeAndTheUsedListWithinItsLimit)
 {
-    CPgEmotics& page = Open<CPgEmotics>(2);
+    CPgEmotics& page = OpenPage<CPgEmotics>(2);
     EXPECT_NE(Find(page.Tree(), "Party\\Laugh"), nullptr);
     EXPECT_NE(Find(page.Tree(), "Empty"), nullptr);
     EXPECT_NE(Find(page.Tree(), "Top"), nullptr);
@@ -251,11 +239,7 @@ TEST_F(SoundPagesTest, AFullUsedListRefusesUntilARowIsRemoved)
     funSounds.parseSkin(parser, "[EmList]", 1079);
     ASSERT_EQ(funSounds.MaxItems(), 3);
 
-    m_sheet = std::make_unique<COptionsSheet>(nullptr, *m_settings, &m_connected);
-    m_sheet->AddPages(&funSounds);
-    m_sheet->show();
-    m_sheet->SetActivePage(2);
-    auto& page = *qobject_cast<CPgEmotics*>(m_sheet->Page(2));
+    auto& page = *qobject_cast<CPgEmotics*>(OpenSheet(2, &funSounds).Page(2));
     EXPECT_EQ(page.SlotLimit(), 3);
     ASSERT_EQ(page.Used()->topLevelItemCount(), 3);
     page.Tree()->setCurrentItem(Find(page.Tree(), "Top"));
@@ -274,7 +258,7 @@ TEST_F(SoundPagesTest, AFullUsedListRefusesUntilARowIsRemoved)
 
 TEST_F(SoundPagesTest, GroupsAreNamedInPlaceAndEscOrAnEmptyNameRemovesANewOne)
 {
-    CPgEmotics& page = Open<CPgEmotics>(2);
+    CPgEmotics& page = OpenPage<CPgEmotics>(2);
     const auto name = [&](const QString& text, Qt::Key end) {
         page.OnNewGroup();
         auto* editor = page.Tree()->viewport()->findChild<QLineEdit*>();
@@ -315,7 +299,7 @@ TEST_F(SoundPagesTest, GroupsAreNamedInPlaceAndEscOrAnEmptyNameRemovesANewOne)
 TEST_F(SoundPagesTest, DeletingASoundUsedTwiceRemovesEveryUseAtOnce)
 {
     Connect();
-    CPgEmotics& page = Open<CPgEmotics>(2);
+    CPgEmotics& page = OpenPage<CPgEmotics>(2);
     const int updates = Requests(kCmdSrvUpdate);
     page.Tree()->setCurrentItem(Find(page.Tree(), "Party\\Laugh"));
     m_sink.m_answer = IDYES;
@@ -336,7 +320,7 @@ TEST_F(SoundPagesTest, DeletingASoundUsedTwiceRemovesEveryUseAtOnce)
 
 TEST_F(SoundPagesTest, AFunSoundIsImportedIntoTheSelectedGroupAndAReplaceAnsweredNoKeepsTheOld)
 {
-    CPgEmotics& page = Open<CPgEmotics>(2);
+    CPgEmotics& page = OpenPage<CPgEmotics>(2);
     page.Tree()->setCurrentItem(Find(page.Tree(), "Party\\Boing"));
     Choose(WriteMp3(m_outside / "Whistle.mp3"));
     page.OnImport();

@@ -75,6 +75,21 @@ double Rms(const std::vector<int16_t>& samples)
     return samples.empty() ? 0 : std::sqrt(sum / static_cast<double>(samples.size()));
 }
 
+// The level of a steady sound, as the median of 100 ms windows: a gap of the recording side
+// (a busy machine delays the test's own recorder) touches a few windows, not the answer.
+double SteadyRms(const std::vector<int16_t>& samples)
+{
+    constexpr size_t kWindow = 4410;
+    std::vector<double> levels;
+    for (size_t at = 0; at + kWindow <= samples.size(); at += kWindow)
+        levels.push_back(Rms(std::vector<int16_t>(samples.begin() + static_cast<std::ptrdiff_t>(at),
+                                                  samples.begin() + static_cast<std::ptrdiff_t>(at + kWindow))));
+    if (levels.empty())
+        return Rms(samples);
+    std::nth_element(levels.begin(), levels.begin() + static_cast<std::ptrdiff_t>(levels.size() / 2), levels.end());
+    return levels[levels.size() / 2];
+}
+
 // The fundamental by autocorrelation between 60 and 700 Hz.
 double PitchHz(const std::vector<int16_t>& samples)
 {
@@ -196,10 +211,10 @@ TEST_F(ServiceAudioTest, BackgroundComesInAtItsVolume)
 {
     Start();
     Ctl("background 1");
-    const double full = Rms(RecordVirtualMic());
+    const double full = SteadyRms(RecordVirtualMic());
     EXPECT_NEAR(full, 8000 / std::sqrt(2.0), 300);
     Ctl("background-volume 1 50");
-    EXPECT_NEAR(Rms(RecordVirtualMic()) / full, 0.5, 0.05);
+    EXPECT_NEAR(SteadyRms(RecordVirtualMic()) / full, 0.5, 0.05);
     Ctl("background off");
     EXPECT_LT(Rms(RecordVirtualMic()), 50);
 }
