@@ -162,8 +162,20 @@ bool IPC::SendMessageW(uint32_t code)
 {
     LogEnter("IPC::SendMessageW", "%u", code);
     m_message = CreateNamedMutex(m_messageName, true);
-    if (m_message != 0 && LastObjectError() == kErrorAlreadyExists)
-        WaitForObject(m_message, kInfinite);
+    if (m_message != 0 && LastObjectError() == kErrorAlreadyExists) {
+        // Another sender holds the channel. One that was stopped in the middle of a command
+        // (Ctrl+Z on larimoctl) still counts as alive: waiting for it without a limit would
+        // hang this thread, so after the command time-out the send fails as to a dead service.
+        const uint32_t wait = WaitForObject(m_message, kIpcTimeoutMs);
+        if (wait != kWaitObject0 && wait != kWaitAbandoned0) {
+            LogError("SendMessage ipc error: the message channel stayed busy for %u ms", kIpcTimeoutMs);
+            CloseObject(m_message);
+            m_message = 0;
+            Unlock();
+            LogLeaveResult("IPC::SendMessageW", false);
+            return false;
+        }
+    }
 
     ResetNamedEvent(m_answer);
 

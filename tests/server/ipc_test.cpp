@@ -5,6 +5,7 @@
 #include "ProgrammState.h"
 #include "ServiceEventThread.h"
 #include "mlog.h"
+#include "platform/NamedObjects.h"
 #include "moipc_cli.h"
 #include "server/moipc_cmds.h"
 
@@ -236,6 +237,38 @@ TEST_F(ServiceLinkTest, ASendFailsAtOnceWhenTheServiceDiesDuringTheExchange)
     killer.join();
     // Far below the 2000 ms a silent service would cost.
     EXPECT_LT(elapsed, std::chrono::milliseconds(1500));
+}
+
+// A sender that stops in the middle of a command (larimoctl after Ctrl+Z) keeps the message
+// channel: the next sender gives up after the command time-out instead of hanging.
+TEST_F(ServiceLinkTest, ASenderThatNeverLetsGoOfTheChannelCostsTheNextOneATimeOutNotAHang)
+{
+    ServiceProcess service(kConfig);
+    ASSERT_TRUE(service.Start());
+    auto client = ConnectToService(kIpcBaseName);
+    ASSERT_NE(client, nullptr);
+
+    std::atomic<bool> holding{false};
+    std::atomic<bool> release{false};
+    std::thread stopped([&] {
+        const ObjHandle channel = CreateNamedMutex(std::string(kIpcBaseName) + "msg", true);
+        holding = true;
+        while (!release.load())
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        ReleaseNamedMutex(channel);
+        CloseObject(channel);
+    });
+    while (!holding.load())
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    const auto start = Clock::now();
+    EXPECT_FALSE(client->SrvUpdate());
+    const auto waited = Clock::now() - start;
+    release = true;
+    stopped.join();
+    // Bounded by the command time-out, with room for a slow machine.
+    EXPECT_LT(waited, std::chrono::milliseconds(kIpcTimeoutMs * 3));
+    // The channel is free again: the next command goes through.
+    EXPECT_TRUE(client->SrvUpdate());
 }
 
 TEST_F(ServiceLinkTest, TheServiceRunsOncePerUserAndEndsCleanlyOnSigterm)
