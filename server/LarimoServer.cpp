@@ -50,15 +50,17 @@ bool LarimoServer::CreateObjects()
     bool created = false;
     const std::string ipc = m_options.ipcBase;
     m_ipcWork = CreateOwnedMutex(ipc + "work");
-    m_servIsWork = CreateOwnedMutex(m_options.stateBase + kServIsWorkSuffix);
     m_request = CreateNamedEvent(ipc + "req", false, false);
     m_answer = CreateNamedEvent(ipc + "answ", false, false);
     m_emoticEvent = CreateNamedEvent(kEmoticEventName, false, false);
     m_osciEvent = CreateNamedEvent(kOsciEventName, false, false);
     const int trace = m_trace.Create(kOsciMemName, kOsciMappingSize);
-    // Clients take the open mapping as the sign that the service is there, so it comes last;
-    // a request set from then on waits in its event until the loop runs.
+    // Clients take the open mapping as the sign that the service is there, and the panel's
+    // observer the running-state mutex: both come last, so neither sees a service whose other
+    // objects are still missing. A request set from then on waits in its event until the loop
+    // runs.
     const int memory = m_memory.Create(ipc + "mem", kIpcMappingSize);
+    m_servIsWork = CreateOwnedMutex(m_options.stateBase + kServIsWorkSuffix);
     if (m_ipcWork == 0 || m_servIsWork == 0 || m_request == 0 || m_answer == 0 || m_emoticEvent == 0 ||
         m_osciEvent == 0 || memory != kShmSuccess || trace != kShmSuccess) {
         LogError("Cannot create the service's objects: work=%u, isWork=%u, req=%u, answ=%u, emotic=%u, "
