@@ -51,9 +51,6 @@ constexpr int64_t kMinStallNs = 1'000'000'000;
 // a monitor of a sink that ran with a long latency until now); reopening then only starts the
 // wait again.
 constexpr int64_t kFirstInputStallNs = 5'000'000'000;
-// Above every ordinary thread and below the sound server's own (PulseAudio's default is 5,
-// PipeWire's far higher): the server must always be able to take what was written.
-constexpr int kRealtimePriorityAboveMin = 3;
 constexpr int64_t kActiveTickNs = 20'000'000;
 constexpr int64_t kIdleTickNs = 100'000'000;
 constexpr int64_t kInUsePollActiveNs = 500'000'000;
@@ -703,7 +700,7 @@ struct AudioPipeline::Control {
     static void RaisePriority(pid_t audioThread)
     {
         const RealtimeResult raised =
-            MakeThreadRealtime(audioThread, sched_get_priority_min(SCHED_FIFO) + kRealtimePriorityAboveMin);
+            MakeThreadRealtime(audioThread, AudioThreadRealtimePriority());
         if (!raised.ok) {
             LogWarning("AudioPipeline: no real-time priority for the audio thread: %s; the voice may break up on a "
                        "busy machine",

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "wmme.h"
 
+#include "platform/Realtime.h"
+
 #include "SelectDefSound/SoundDevices.h"
 #include "error.h"
 #include "exception.h"
@@ -43,8 +45,10 @@ thread_local bool t_onEngineThread = false;
 // Real-time scheduling when the system allows it, otherwise the best nice value it grants.
 void RaiseThreadPriority()
 {
+    // Like the voice service's audio thread: below the sound server's threads, which would
+    // otherwise wait for a preview's engine.
     sched_param param{};
-    const int highest = sched_get_priority_max(SCHED_FIFO);
+    const int highest = AudioThreadRealtimePriority();
     param.sched_priority = highest;
     if (pthread_setschedparam(pthread_self(), SCHED_FIFO, &param) == 0)
         return;

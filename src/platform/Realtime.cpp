@@ -33,6 +33,13 @@ int ClampPriority(int priority)
 
 } // namespace
 
+int AudioThreadRealtimePriority()
+{
+    // PulseAudio's threads run at 5 by default and PipeWire's far higher: the server must
+    // always be able to take what was written.
+    return sched_get_priority_min(SCHED_FIFO) + 3;
+}
+
 RealtimeResult MakeThreadRealtime(pid_t tid, int priority)
 {
     RealtimeResult result;

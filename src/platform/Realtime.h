@@ -11,6 +11,11 @@
 
 namespace larimo {
 
+/// The SCHED_FIFO priority Larimo's audio threads run at: a little above the lowest, so they
+/// come before ordinary threads but stay below the sound server's own, which they feed.
+/// Any thread.
+int AudioThreadRealtimePriority();
+
 /// How a thread got its priority, or why it did not.
 struct RealtimeResult {
     bool ok = false;

@@ -4,6 +4,7 @@
 #include "audio/AudioTestSupport.h"
 #include "platform/virtual/VirtualAudio.h"
 #include "mlog.h"
+#include "platform/Realtime.h"
 #include "texts.h"
 
 #include <gtest/gtest.h>
@@ -13,6 +14,9 @@
 #include <cstring>
 #include <numeric>
 #include <thread>
+
+#include <pthread.h>
+#include <sched.h>
 
 namespace larimo {
 namespace {
@@ -97,6 +101,35 @@ TEST_F(Engine, OpenRefusesMissingThreadAndUnknownDevice)
     EXPECT_EQ(out.Open(engine.ThreadId(), 1, 16, 44100, 20, 4), kMmeOpenError);
     EXPECT_EQ(m_audio->OpenCount(WaveDirection::Render), 0);
     EXPECT_EQ(m_audio->OpenCount(WaveDirection::Capture), 0);
+}
+
+// The panel's engine feeds the sound server like the voice service does, so its thread must
+// never be scheduled before the server's own threads.
+TEST_F(Engine, TheEngineThreadStaysBelowTheSoundServersPriority)
+{
+    CallbackEngine engine;
+    std::atomic<int> policy{-1};
+    std::atomic<int> priority{-1};
+    engine.m_onInput = [&](PaBuffer) {
+        sched_param param{};
+        int which = 0;
+        pthread_getschedparam(pthread_self(), &which, &param);
+        policy = which;
+        priority = param.sched_priority;
+    };
+    ASSERT_EQ(engine.StartEngine(), kMmeSuccess);
+    PaStreamIn in;
+    ASSERT_EQ(in.Open(engine.ThreadId(), 0, 16, 8000, 10, 2), kMmeSuccess);
+    ASSERT_EQ(in.Start(), kMmeSuccess);
+    m_audio->Advance(10);
+    ASSERT_TRUE(engine.WaitInputs(1));
+    in.Stop();
+    in.Close();
+    if (policy.load() == SCHED_FIFO)
+        EXPECT_LE(priority.load(), AudioThreadRealtimePriority());
+    else
+        EXPECT_EQ(priority.load(), 0) << "without the right to real-time scheduling the thread stays ordinary";
+    EXPECT_LT(AudioThreadRealtimePriority(), 5) << "PulseAudio's own threads run at 5";
 }
 
 TEST_F(Engine, RecordingDeliversInjectedBytesInQueueOrderAndRequeues)
