@@ -529,8 +529,21 @@ private slots:
         osci->SetData(samples.data(), 10);
         osci->ClearData();
         QCOMPARE(osci->QueuedSamples(), std::size_t{0});
+
+        // A view squeezed to no width keeps its samples and draws nothing from them; given
+        // its width back, it shows them.
+        QVERIFY(OSCI::Resample(samples, 0).empty());
+        osci->SetData(samples.data(), samples.size());
         osci->resize(0, 102);
-        QVERIFY(osci->grab().isNull() || osci->grab().width() == 0);
+        QImage none(1, 102, QImage::Format_RGB32);
+        none.fill(Qt::magenta);
+        osci->render(&none);
+        QCOMPARE(QColor(none.pixel(0, 50)), QColor(Qt::magenta));
+        QCOMPARE(osci->QueuedSamples(), samples.size());
+        osci->resize(150, 102);
+        shot = osci->grab().toImage();
+        QCOMPARE(shot.width(), 150);
+        QCOMPARE(QColor(shot.pixel(40, 50)), trace);
     }
 };
 
