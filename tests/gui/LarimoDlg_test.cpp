@@ -34,6 +34,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
 extern "C" const char* __asan_default_options()
 {
@@ -189,6 +190,59 @@ TEST_F(LarimoDlgTest, OnlyADoubleClickOnTheTrayIconBringsTheWindowBack)
     EXPECT_FALSE(dialog.isVisible()) << "a single click restored the window";
     emit dialog.TrayIcon()->activated(QSystemTrayIcon::DoubleClick);
     EXPECT_TRUE(dialog.isVisible());
+}
+
+// The real LoadSkin with a copy of the default skin whose window object says `larimo`.
+class SkinVariantTest : public LarimoDlgTest {
+protected:
+    void UseSkin(const std::string& larimo)
+    {
+        const fs::path skins = m_service.Folder() / "skins";
+        fs::create_directories(skins);
+        const fs::path source = fs::path(LARIMO_SOURCE_DIR) / "data" / "skins" / "en";
+        fs::copy(source / "Default", skins / "Default", fs::copy_options::recursive | fs::copy_options::skip_existing);
+        std::ifstream in(source / "Default.sdf");
+        std::stringstream text;
+        text << in.rdbuf();
+        std::string skin = text.str();
+        const size_t from = skin.find("[Larimo]");
+        const size_t to = skin.find("\n[", from + 1);
+        ASSERT_NE(from, std::string::npos);
+        skin.replace(from, to - from, larimo);
+        std::ofstream(skins / "Variant.sdf") << skin;
+        Config general(m_service.Folder().string());
+        general.ReadGeneral();
+        general.m_skinFile = (skins / "Variant.sdf").string();
+        ASSERT_TRUE(general.WriteGeneral());
+    }
+};
+
+TEST_F(SkinVariantTest, ARegionFileThatIsMissingGivesARectangularWindow)
+{
+    UseSkin("[Larimo]\nsize=600,430\nbitmap=Default\\background.bmp\nregion=Default\\missing.rgn\n");
+    CLarimoDlg& dialog = Open();
+    EXPECT_TRUE(dialog.mask().isEmpty()) << "no region: every pixel of the window is its own";
+    EXPECT_EQ(dialog.size(), QSize(600, 430));
+
+    // The shipped region does shape the window, so the check above can tell the two apart.
+    m_dialog.reset();
+    UseSkin("[Larimo]\nsize=600,430\nbitmap=Default\\background.bmp\nregion=Default\\window.rgn\n");
+    CLarimoDlg& shaped = Open();
+    EXPECT_FALSE(shaped.mask().isEmpty());
+}
+
+TEST_F(SkinVariantTest, ASizeSmallerThanTheBitmapShowsItsTopLeftPart)
+{
+    UseSkin("[Larimo]\nsize=300,200\nbitmap=Default\\background.bmp\n");
+    CLarimoDlg& dialog = Open();
+    EXPECT_EQ(dialog.size(), QSize(300, 200));
+    const QImage shown = dialog.grab().toImage();
+    const QImage bitmap(QString::fromStdString((m_service.Folder() / "skins" / "Default" / "background.bmp").string()));
+    ASSERT_FALSE(bitmap.isNull());
+    ASSERT_EQ(shown.size(), QSize(300, 200));
+    // Where no control covers it, the window shows the bitmap's own pixels.
+    for (const QPoint point : {QPoint(2, 2), QPoint(297, 2), QPoint(2, 197)})
+        EXPECT_EQ(QColor(shown.pixel(point)), QColor(bitmap.pixel(point))) << point.x() << "," << point.y();
 }
 
 TEST_F(LarimoDlgTest, ASecondClickOnTheActiveSlotSwitchesItOff)
