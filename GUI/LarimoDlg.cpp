@@ -4,6 +4,7 @@
 #include "AboutDlg.h"
 #include "OptionsSheet.h"
 #include "platform/GlobalHotKeys.h"
+#include "platform/PortalHotKeys.h"
 
 #include "FFButton.h"
 #include "FFSliderCtrl.h"
@@ -132,6 +133,13 @@ CLarimoDlg::CLarimoDlg(QWidget* parent)
     WireControls();
     m_hotKeys = CreateGlobalHotKeys(this);
     connect(m_hotKeys, &GlobalHotKeys::Activated, this, &CLarimoDlg::OnHotKey);
+    // The portal binds keys only once the desktop (and perhaps the user) said yes.
+    if (auto* portal = qobject_cast<PortalHotKeys*>(m_hotKeys)) {
+        connect(portal, &PortalHotKeys::BindFinished, this, [this, portal](bool bound) {
+            m_activeHotKeys = bound ? portal->BoundCount() : 0;
+            LogInfo("CLarimoDlg: the desktop confirmed %d hot keys", m_activeHotKeys);
+        });
+    }
     m_menuRunner = [](QMenu& menu, const QPoint& where) { return menu.exec(where); };
 }
 
@@ -812,14 +820,16 @@ void CLarimoDlg::Shutdown()
 void CLarimoDlg::RegisterHotKeys(const std::array<uint64_t, kShortcutCount>& shortcuts)
 {
     UnregisterHotKeys();
-    m_activeHotKeys = 0;
+    const bool confirmedLater = qobject_cast<PortalHotKeys*>(m_hotKeys) != nullptr;
+    if (!confirmedLater)
+        m_activeHotKeys = 0;
     int wanted = 0;
     for (int i = 0; i < kShortcutCount; ++i) {
         const uint64_t shortcut = shortcuts[static_cast<size_t>(i)];
         if (ShortcutKey(shortcut) == 0)
             continue;
         ++wanted;
-        if (m_hotKeys->Register(i, ShortcutKey(shortcut), ShortcutModifiers(shortcut)))
+        if (m_hotKeys->Register(i, ShortcutKey(shortcut), ShortcutModifiers(shortcut)) && !confirmedLater)
             ++m_activeHotKeys;
     }
     if (wanted > 0)

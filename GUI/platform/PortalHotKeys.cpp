@@ -117,7 +117,7 @@ PortalHotKeys::PortalHotKeys(QObject* parent, const QDBusConnection& bus)
 
 PortalHotKeys::~PortalHotKeys()
 {
-    UnregisterAll();
+    DropEverything();
 }
 
 void PortalHotKeys::OnVersion(QDBusPendingCallWatcher* watcher)
@@ -158,8 +158,19 @@ bool PortalHotKeys::Register(int id, uint32_t virtualKey, uint32_t modifiers)
 
 void PortalHotKeys::UnregisterAll()
 {
+    // The keys stay bound until the next pass: the same keys registered again in the same turn
+    // keep their session, so the desktop does not ask the user about them once more.
+    m_pending.clear();
+    m_unbinding = true;
+    if (m_state != State::Unavailable)
+        m_bindTimer.start();
+}
+
+void PortalHotKeys::DropEverything()
+{
     m_bindTimer.stop();
     m_pending.clear();
+    m_unbinding = false;
     if (m_step != Step::None) {
         // Abandon the request under way; its answer must not bind anything any more.
         m_bus.disconnect(kPortalService, m_requestPath, kRequestInterface, QStringLiteral("Response"), this,
@@ -185,11 +196,32 @@ void PortalHotKeys::CloseSession()
 
 void PortalHotKeys::BindNow()
 {
-    if (m_state == State::Checking || m_step != Step::None || m_pending.empty())
+    if (m_state == State::Checking || m_step != Step::None)
         return; // the version check or the request under way starts us again
+    const bool unbinding = m_unbinding;
+    m_unbinding = false;
+    if (m_pending.empty()) {
+        // Every key was dropped and none registered again.
+        if (unbinding) {
+            m_requested.clear();
+            CloseSession();
+        }
+        return;
+    }
     if (m_state == State::Unavailable) {
         m_pending.clear();
         emit BindFinished(false);
+        return;
+    }
+    // The keys the desktop has already bound need neither a new session nor a new question.
+    const auto same = [](const std::vector<Pending>& a, const std::vector<Pending>& b) {
+        return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](const Pending& x, const Pending& y) {
+                   return x.id == y.id && x.trigger == y.trigger;
+               });
+    };
+    if (!m_session.isEmpty() && m_boundCount > 0 && same(m_pending, m_requested)) {
+        m_pending.clear();
+        emit BindFinished(true);
         return;
     }
     // A session binds its shortcuts once; a changed set needs a new session.

@@ -77,6 +77,8 @@ private:
     void OnVersion(QDBusPendingCallWatcher* watcher);
     void BindNow();
     void CloseSession();
+    // Closes the session and forgets every key at once (when the object goes).
+    void DropEverything();
     bool SendRequest(const char* method, const QList<QVariant>& arguments, Step step);
     void Finish(bool bound);
     int ActionOf(const QString& shortcutId) const;
@@ -92,6 +94,7 @@ private:
     unsigned m_requestCount = 0;
     bool m_listening = false;         // connected to the portal's activations
     int m_boundCount = 0;
+    bool m_unbinding = false;          // every key was dropped; the next pass decides what stays
 };
 
 } // namespace larimo

@@ -301,6 +301,35 @@ TEST_F(PortalHotKeysTest, ChangedKeysGetANewSessionAndTheOldOneIsClosed)
         << "closing the panel releases its keys";
 }
 
+// Every reconnection to the service registers the keys again: the same keys must neither open
+// a new session nor make the desktop ask the user once more.
+TEST_F(PortalHotKeysTest, TheSameKeysRegisteredAgainKeepTheirSession)
+{
+    ServePortal();
+    PortalHotKeys& keys = HotKeys();
+    keys.Register(kScVoiceEffect1, 'E', kModCtrl);
+    keys.Register(kScStop, 'S', kModCtrl | kModShift);
+    ASSERT_TRUE(WaitForBind());
+    const QString session = m_portal.sessions.value(0);
+
+    for (int pass = 0; pass < 3; ++pass) {
+        keys.UnregisterAll();
+        keys.Register(kScVoiceEffect1, 'E', kModCtrl);
+        keys.Register(kScStop, 'S', kModCtrl | kModShift);
+        ASSERT_TRUE(WaitForBind());
+    }
+    EXPECT_EQ(m_portal.sessions.size(), 1) << "the unchanged keys were bound again";
+    EXPECT_FALSE(m_portal.closedSessions.contains(session));
+    EXPECT_EQ(keys.BoundCount(), 2);
+    Activate(session, "Stop");
+    EXPECT_EQ(Activations(1), QList<int>{kScStop});
+
+    // Dropping every key and registering none closes the session.
+    keys.UnregisterAll();
+    EXPECT_TRUE(WaitUntil([&] { return m_portal.closedSessions.contains(session); }));
+    EXPECT_EQ(keys.BoundCount(), 0);
+}
+
 TEST_F(PortalHotKeysTest, AUserWhoSaysNoLeavesTheKeysOff)
 {
     ServePortal();
