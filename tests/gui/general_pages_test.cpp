@@ -21,6 +21,9 @@
 #include <QTest>
 #include <QTreeWidget>
 
+#include <cmath>
+#include <cstdio>
+#include <sstream>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -178,6 +181,61 @@ TEST_F(GeneralPagesTest, DeviceListsHoldNeitherMonitorsNorTheVirtualMicrophone)
     EXPECT_NE(page.MicGroup(), nullptr);
     EXPECT_TRUE(page.MicGroup()->isVisible());
     m_sheet->grab().save(QDir::tempPath() + "/larimo-general-page.png");
+}
+
+// The microphone chosen on the page is the one the voice service records from once OK is
+// pressed: a tone fed to it arrives at "Larimo Microphone".
+TEST_F(GeneralPagesTest, TheChosenMicrophoneIsWhatTheServiceRecordsAfterOk)
+{
+    const auto shell = [](const std::string& command) {
+        std::string output;
+        FILE* pipe = popen(command.c_str(), "r");
+        char buffer[256];
+        while (pipe != nullptr && fgets(buffer, sizeof buffer, pipe) != nullptr)
+            output += buffer;
+        if (pipe != nullptr)
+            pclose(pipe);
+        return output;
+    };
+    // A second microphone with a tone on it; the service starts on the silent test microphone.
+    std::istringstream ids(shell(
+        "pactl load-module module-null-sink sink_name=desk_feed \"sink_properties='device.description=\\\"Desk Feed\\\"'\" && "
+        "pactl load-module module-remap-source master=desk_feed.monitor source_name=desk_mic "
+        "\"source_properties='device.description=\\\"Desk Microphone\\\"'\" && "
+        "pactl load-module module-sine sink=desk_feed frequency=440"));
+    std::vector<std::string> modules;
+    for (std::string id; std::getline(ids, id);)
+        modules.push_back(id);
+    ASSERT_EQ(modules.size(), 3U);
+    const auto level = [&] {
+        const std::string file = (m_config / "heard.raw").string();
+        shell("timeout 2 parec --device=larimo_mic_source --raw --format=s16le --rate=44100 --channels=1 > '" + file +
+              "' 2>/dev/null");
+        std::ifstream in(file, std::ios::binary);
+        std::vector<int16_t> samples;
+        for (int16_t sample; in.read(reinterpret_cast<char*>(&sample), 2);)
+            samples.push_back(sample);
+        double sum = 0;
+        for (size_t i = samples.size() / 2; i < samples.size(); ++i)
+            sum += static_cast<double>(samples[i]) * samples[i];
+        return samples.size() < 1000 ? 0.0 : std::sqrt(sum / static_cast<double>(samples.size() - samples.size() / 2));
+    };
+    std::ofstream(m_service.Folder() / "config.ini", std::ios::app) << "[voice]\nnoiseSuppression=0\n";
+    m_settings->LoadAll();
+    Connect();
+    const double before = level();
+
+    CPgSoundCard& page = OpenPage<CPgSoundCard>(4);
+    const int desk = page.Recording()->findText("Desk Microphone");
+    ASSERT_GT(desk, 0);
+    page.Recording()->setCurrentIndex(desk);
+    m_sheet->PressOk();
+    EXPECT_EQ(m_settings->m_input, "Desk Microphone");
+    EXPECT_TRUE(test::WaitFor(5000, [&] { return level() > 1000.0; }))
+        << "the tone on the chosen microphone never reached Larimo Microphone (level before: " << before << ")";
+    EXPECT_LT(before, 300.0) << "the tone was heard before the microphone was chosen";
+    for (auto id = modules.rbegin(); id != modules.rend(); ++id)
+        shell("pactl unload-module " + *id);
 }
 
 TEST_F(GeneralPagesTest, TheEmptyRecordingEntryEmptiesTheDeviceAndItsLine)
