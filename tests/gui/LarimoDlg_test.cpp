@@ -11,6 +11,8 @@
 #include "FFSliderCtrl.h"
 #include "FFStaticText.h"
 #include "MoListBox.h"
+#include "OptionsSheet.h"
+#include "PgShortcuts.h"
 
 #include "../server/ServiceProcess.h"
 #include "RecordingSink.h"
@@ -20,12 +22,16 @@
 #include "help.h"
 #include "modb.h"
 #include "texts.h"
+#include "keyboard.h"
 #include "wintools.h"
 
 #include <QApplication>
 #include <QDesktopServices>
 #include <QLabel>
 #include <QMenu>
+#include <QTest>
+#include <QTimer>
+#include <QTreeWidget>
 #include <QWheelEvent>
 
 #include <gmock/gmock.h>
@@ -243,6 +249,37 @@ TEST_F(SkinVariantTest, ASizeSmallerThanTheBitmapShowsItsTopLeftPart)
     // Where no control covers it, the window shows the bitmap's own pixels.
     for (const QPoint point : {QPoint(2, 2), QPoint(297, 2), QPoint(2, 197)})
         EXPECT_EQ(QColor(shown.pixel(point)), QColor(bitmap.pixel(point))) << point.x() << "," << point.y();
+}
+
+// On an X display (the xvfb run of this program): a key bound on the shortcut keys tab works
+// as a global hot key as soon as the sheet is closed with OK.
+TEST_F(LarimoDlgTest, AKeyBoundInTheOptionsWorksAsAGlobalHotKeyAfterOk)
+{
+    if (QGuiApplication::platformName() != QLatin1String("xcb"))
+        GTEST_SKIP() << "global hot keys need an X display (the xvfb run of this program)";
+    ASSERT_TRUE(m_service.Start());
+    CLarimoDlg& dialog = Open();
+    ASSERT_TRUE(WaitConnected(true));
+    bool bound = false;
+    QTimer::singleShot(300, [&] {
+        auto* sheet = qobject_cast<COptionsSheet*>(QApplication::activeModalWidget());
+        if (sheet == nullptr)
+            return;
+        sheet->SetActivePage(3);
+        auto* page = qobject_cast<CPgShortcuts*>(sheet->Page(3));
+        page->SelectRow(kScVoiceEffect2);
+        page->OnChange();
+        QTest::keyPress(page->List(), Qt::Key_F9, Qt::ControlModifier | Qt::ShiftModifier);
+        QTest::keyRelease(page->List(), Qt::Key_F9, Qt::ControlModifier | Qt::ShiftModifier);
+        bound = true;
+        sheet->PressOk();
+    });
+    dialog.OnOptions();
+    ASSERT_TRUE(bound) << "the options sheet did not open";
+    EXPECT_EQ(Saved().m_shortcuts[kScVoiceEffect2], ShortcutFromText("Ctrl+Shift+F9"));
+    EXPECT_GE(dialog.ActiveHotKeys(), 1);
+    ASSERT_EQ(std::system("xdotool key ctrl+shift+F9"), 0);
+    EXPECT_TRUE(Pump(5000, [&] { return Saved().m_activeEffect == 1; })) << "the hot key did not select slot 2";
 }
 
 TEST_F(LarimoDlgTest, ASecondClickOnTheActiveSlotSwitchesItOff)
