@@ -6,6 +6,9 @@
 #include "MicCleanupGroup.h"
 #include "OptionsSheet.h"
 #include "OptionsTestSupport.h"
+#include "../server/ServiceSandbox.h"
+#include "NTService.h"
+#include "platform/ServiceManager.h"
 #include "PgShortcuts.h"
 #include "PgSoundCard.h"
 #include "keyboard.h"
@@ -320,6 +323,41 @@ TEST_F(GeneralPagesTest, RestartStopsWaitsForTheServiceToGoAndStartsItOnce)
     ASSERT_TRUE(QTest::qWaitFor([&] { return page.RestartButton()->isEnabled() && !m_sink.m_texts.empty(); }, 5000));
     EXPECT_NE(m_sink.m_texts.back().find("\nError code: "), std::string::npos) << m_sink.m_texts.back();
     EXPECT_EQ(starts.load(), 1);
+}
+
+// The real thing: a service registered with the supervisor, restarted from the page through
+// the service manager, while a watcher plays the main window's connected flag.
+TEST_F(GeneralPagesTest, RestartServiceRestartsTheRegisteredServiceThroughTheSupervisor)
+{
+    test::ServiceSandbox sandbox;
+    const std::unique_ptr<ServiceManager> manager = OpenServiceManager();
+    ASSERT_NE(manager, nullptr);
+    ASSERT_EQ(manager->Backend(), "supervisor");
+    ASSERT_TRUE(manager->Create({kServiceName, "Larimo Service", "Capturing sound", sandbox.Program().string()}));
+    ASSERT_EQ(manager->Start(kServiceName), kNtsSuccess);
+    ASSERT_TRUE(test::WaitFor(10000, test::ServiceAnswers));
+    const pid_t first = sandbox.RecordedPid(kServiceName);
+
+    std::atomic<bool> watching{true};
+    std::thread watcher([&] {
+        while (watching.load()) {
+            m_connected = test::ServiceAnswers();
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+    });
+    CPgSoundCard& page = OpenPage<CPgSoundCard>(4);
+    page.OnRestart();
+    const bool ended = QTest::qWaitFor([&] { return page.RestartButton()->isEnabled(); }, 15000);
+    watching = false;
+    watcher.join();
+    ASSERT_TRUE(ended);
+    EXPECT_TRUE(m_sink.m_texts.empty()) << m_sink.m_texts.front();
+    EXPECT_TRUE(test::WaitFor(10000, test::ServiceAnswers)) << "the service was not started again";
+    const pid_t second = sandbox.RecordedPid(kServiceName);
+    EXPECT_GT(second, 0);
+    EXPECT_NE(second, first) << "the service was not restarted";
+    EXPECT_FALSE(test::ProcessAlive(first));
+    manager->Stop(kServiceName);
 }
 
 TEST_F(GeneralPagesTest, APageClosedDuringARestartIsNotTouchedByIt)
