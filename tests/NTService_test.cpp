@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The start-up operations that install, upgrade and start the voice service, run against the real
 // LarimoServer under the built-in supervisor.
+#include "PrivateObjectsEnvironment.h"
 #include "NTService.h"
 
 #include "config.h"

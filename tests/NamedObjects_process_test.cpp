@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Named objects between processes: a forked child, or the helper program for a process that
 // starts from scratch.
+#include "PrivateObjectsEnvironment.h"
 #include "platform/NamedObjects.h"
 
 #include "platform/NamedObjectTable.h"

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
+#include "PrivateObjectsEnvironment.h"
 #include "platform/NamedObjects.h"
 
 #include <gtest/gtest.h>

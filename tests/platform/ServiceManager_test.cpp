@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Both service manager backends against the real LarimoServer: the supervisor always, systemd
 // when the machine has a user systemd.
+#include "../PrivateObjectsEnvironment.h"
 #include "platform/ServiceManager.h"
 #include "platform/SupervisorServiceManager.h"
 #include "platform/SystemdServiceManager.h"
