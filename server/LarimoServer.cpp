@@ -10,8 +10,9 @@ namespace larimo {
 
 namespace {
 
-// How long a question for the errors list waits for the pipeline to load what was chosen last.
-constexpr uint32_t kErrorsWaitMs = 2000;
+// How long a request for errors waits for the pipeline to finish what it is loading: well
+// within the time a client waits for its answer, so the texts the answer carries reach it.
+constexpr uint32_t kErrorsWaitMs = kIpcTimeoutMs / 4;
 
 // Creates a mutex owned by the calling thread. If a client still holds a handle, the mutex
 // exists already; it is then free (its old owner ended) and is taken over by a wait.
