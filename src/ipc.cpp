@@ -36,8 +36,10 @@ bool IPC::Open()
     const int shmError = ShareMem::Open(m_memName, kFileMapWrite);
 
     bool opened = m_isWork != 0 && m_request != 0 && m_answer != 0 && shmError == kShmSuccess;
-    if (opened && Size() < kIpcDataOffset) {
-        LogError("The service's shared memory holds only %zu bytes.", Size());
+    // Another version's message area has another size: its frames are not ours to read.
+    if (opened && Size() != kIpcMappingSize) {
+        LogError("The service's shared memory holds %zu bytes, not %zu: it belongs to another version.", Size(),
+                 kIpcMappingSize);
         opened = false;
     }
     if (opened) {

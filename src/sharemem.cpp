@@ -79,6 +79,11 @@ int ShareMem::Create(const std::string& name, size_t size)
         m_view = static_cast<uint8_t*>(MapNamedMapping(m_mapping, &m_size));
         if (m_view == nullptr) {
             result = kShmMapping;
+        } else if (m_size != size) {
+            // A mapping of that name that someone still holds, left by another version: it is
+            // refused rather than used with a layout it was not made for.
+            LogError("ShareMem::Create: \"%s\" exists with %zu bytes, not %zu", name.c_str(), m_size, size);
+            result = kShmMapping;
         } else {
             m_lock = CreateNamedMutex(name + "lock", false);
             if (m_lock == 0)

@@ -271,6 +271,24 @@ TEST_F(ServiceLinkTest, ASenderThatNeverLetsGoOfTheChannelCostsTheNextOneATimeOu
     EXPECT_TRUE(client->SrvUpdate());
 }
 
+// A message area left by another version, still held by one of its programs, has another
+// size: the service refuses it, and says so, instead of answering through a layout it was not
+// made for.
+TEST_F(ServiceLinkTest, AStaleMessageAreaOfAnotherSizeIsRefused)
+{
+    const ObjHandle stale = CreateNamedMapping(std::string(kIpcBaseName) + "mem", 4096);
+    ASSERT_NE(stale, 0u);
+    ServiceProcess service(kConfig);
+    EXPECT_NE(service.RunToEnd(), 0) << "the service ran on a message area of another size";
+    std::ifstream log(service.Folder() / "larimosrv.log");
+    std::stringstream text;
+    text << log.rdbuf();
+    EXPECT_NE(text.str().find("exists with 4096 bytes, not 65536"), std::string::npos) << text.str();
+    CloseObject(stale);
+    // Once the old program has let go, the service starts.
+    EXPECT_TRUE(service.Start());
+}
+
 TEST_F(ServiceLinkTest, TheServiceRunsOncePerUserAndEndsCleanlyOnSigterm)
 {
     ServiceProcess service(kConfig);
