@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <memory>
 
 namespace larimo {
@@ -193,11 +194,23 @@ bool InstallServer()
         return false;
     }
 
+    // A service registered from another app folder (a build folder beside an installed copy)
+    // would read that folder's settings and sounds: this folder registers its own, whatever
+    // the versions say.
+    const std::string own = ServiceProgramPath();
+    std::error_code ec;
+    const bool ownFolder = path == own || std::filesystem::equivalent(path, own, ec);
+    if (!ownFolder) {
+        LogInfo("InstallServer: the voice service is registered from \"%s\"; this panel's own is \"%s\" and "
+                "takes its place",
+                path.c_str(), own.c_str());
+        path = own;
+    }
     std::string version;
     if (!FileVersionSecure(path, version))
         return false;
     LogInfo("Server version: %s, cfg.version: %s", version.c_str(), settings.m_version.c_str());
-    if (version == settings.m_version)
+    if (ownFolder && version == settings.m_version)
         return true;
     try {
         result = NtServiceUninstall(kServiceName);

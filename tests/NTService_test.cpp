@@ -3,6 +3,7 @@
 // LarimoServer under the built-in supervisor.
 #include "PrivateObjectsEnvironment.h"
 #include "NTService.h"
+#include "platform/ServiceManager.h"
 
 #include "config.h"
 #include "error.h"
@@ -183,6 +184,28 @@ TEST_F(ServiceInstallTest, NewVersionReplacesTheRunningService)
     ASSERT_TRUE(RunServer());
     EXPECT_NE(ServicePid(), old);
     EXPECT_TRUE(WaitFor(10000, ServiceAnswers));
+}
+
+// Two app folders of one version: the panel of each drives the service of its own folder.
+TEST_F(ServiceInstallTest, AServiceRegisteredFromAnotherAppFolderIsReplacedByThisOne)
+{
+    const fs::path other = m_sandbox.App() / "other-copy";
+    fs::create_directories(other);
+    fs::copy_file(m_sandbox.Program(), other / "LarimoServer");
+    const std::unique_ptr<ServiceManager> manager = OpenServiceManager();
+    ASSERT_TRUE(manager->Create({kServiceName, "Larimo Service", "Capturing sound", (other / "LarimoServer").string()}));
+    Config settings(m_sandbox.App().string());
+    settings.ReadGeneral();
+    settings.m_version = LARIMO_EXPECTED_VERSION;
+    ASSERT_TRUE(settings.WriteGeneral());
+
+    ASSERT_TRUE(InstallServer());
+    EXPECT_TRUE(m_sink.boxes.empty()) << m_sink.boxes.front().text;
+    std::string path;
+    EXPECT_EQ(NtServiceGetPath(kServiceName, path, kServicePathCapacity), kNtsSuccess);
+    EXPECT_EQ(path, m_sandbox.Program().string()) << "the service of the other folder is still registered";
+    const std::string log = ReadText(Log());
+    EXPECT_NE(log.find("is registered from \"" + (other / "LarimoServer").string()), std::string::npos) << log;
 }
 
 TEST_F(ServiceInstallTest, MissingServiceProgramNamesTheProgramFolder)
