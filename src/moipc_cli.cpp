@@ -22,8 +22,9 @@ std::atomic<std::shared_ptr<MoIpcCli>>& ClientSlot()
 // also when a write throws.
 class MoIpcCli::Exchange {
 public:
-    explicit Exchange(IPC& ipc)
-        : m_ipc(ipc)
+    explicit Exchange(MoIpcCli& client)
+        : m_inProcess(client.m_exchangeLock)
+        , m_ipc(*client.m_ipc)
     {
         m_ipc.Lock();
         m_ipc.ResetData();
@@ -33,6 +34,7 @@ public:
     Exchange& operator=(const Exchange&) = delete;
 
 private:
+    std::lock_guard<std::mutex> m_inProcess;
     IPC& m_ipc;
 };
 
@@ -50,14 +52,14 @@ MoIpcCli::~MoIpcCli()
 bool MoIpcCli::SrvUpdate()
 {
     LogInfo("MoIpcCli::SrvUpdate");
-    Exchange exchange(*m_ipc);
+    Exchange exchange(*this);
     return m_ipc->SendMessageW(kCmdSrvUpdate);
 }
 
 bool MoIpcCli::SrvGetErrors(std::vector<std::string>& errors)
 {
     LogInfo("MoIpcCli::SrvGetErrors");
-    Exchange exchange(*m_ipc);
+    Exchange exchange(*this);
     if (!m_ipc->SendMessageW(kCmdSrvGetErrors))
         return false;
     uint32_t count = 0;
@@ -74,7 +76,7 @@ bool MoIpcCli::SrvGetErrors(std::vector<std::string>& errors)
 bool MoIpcCli::MonitorSet(bool on)
 {
     LogInfo("MoIpcCli::MonitorSet");
-    Exchange exchange(*m_ipc);
+    Exchange exchange(*this);
     const uint8_t value = on ? 1 : 0;
     m_ipc->Write(&value, 1);
     return m_ipc->SendMessageW(kCmdMonitorSet);
@@ -83,7 +85,7 @@ bool MoIpcCli::MonitorSet(bool on)
 bool MoIpcCli::MonitorSetVol(uint8_t volume)
 {
     LogInfo("MoIpcCli::MonitorSetVol");
-    Exchange exchange(*m_ipc);
+    Exchange exchange(*this);
     m_ipc->Write(&volume, 1);
     return m_ipc->SendMessageW(kCmdMonitorSetVol);
 }
@@ -91,21 +93,21 @@ bool MoIpcCli::MonitorSetVol(uint8_t volume)
 bool MoIpcCli::CliOnStarted()
 {
     LogInfo("MoIpcCli::CliOnStarted");
-    Exchange exchange(*m_ipc);
+    Exchange exchange(*this);
     return m_ipc->SendMessageW(kCmdCliOnStarted);
 }
 
 bool MoIpcCli::CliOnClose()
 {
     LogInfo("MoIpcCli::CliOnClose");
-    Exchange exchange(*m_ipc);
+    Exchange exchange(*this);
     return m_ipc->SendMessageW(kCmdCliOnClose);
 }
 
 bool MoIpcCli::EffectSetActive(uint32_t slot)
 {
     LogInfo("%s(slot=%d)", "MoIpcCli::EffectSetActive", static_cast<int>(slot));
-    Exchange exchange(*m_ipc);
+    Exchange exchange(*this);
     m_ipc->Write(&slot, sizeof slot);
     return m_ipc->SendMessageW(kCmdEffectSetActive);
 }
@@ -113,7 +115,7 @@ bool MoIpcCli::EffectSetActive(uint32_t slot)
 bool MoIpcCli::EffectSelect(uint32_t slot, const std::string& name)
 {
     LogInfo("%s(slot=%d, name=%s)", "MoIpcCli::EffectSelect", static_cast<int>(slot), name.c_str());
-    Exchange exchange(*m_ipc);
+    Exchange exchange(*this);
     m_ipc->Write(&slot, sizeof slot);
     m_ipc->WriteString(name);
     return m_ipc->SendMessageW(kCmdEffectSelect);
@@ -121,7 +123,7 @@ bool MoIpcCli::EffectSelect(uint32_t slot, const std::string& name)
 
 bool MoIpcCli::BackSoundSetActive(uint32_t slot)
 {
-    Exchange exchange(*m_ipc);
+    Exchange exchange(*this);
     m_ipc->Write(&slot, sizeof slot);
     return m_ipc->SendMessageW(kCmdBackSoundSetActive);
 }
@@ -129,7 +131,7 @@ bool MoIpcCli::BackSoundSetActive(uint32_t slot)
 bool MoIpcCli::BackSoundSelect(uint32_t slot, const std::string& file)
 {
     LogInfo("%s(slot=%d, file=%s)", "MoIpcCli::BackSoundSelect", static_cast<int>(slot), file.c_str());
-    Exchange exchange(*m_ipc);
+    Exchange exchange(*this);
     m_ipc->Write(&slot, sizeof slot);
     m_ipc->WriteString(file);
     return m_ipc->SendMessageW(kCmdBackSoundSelect);
@@ -138,7 +140,7 @@ bool MoIpcCli::BackSoundSelect(uint32_t slot, const std::string& file)
 bool MoIpcCli::BackSoundSetVol(uint32_t slot, int8_t volume)
 {
     LogInfo("%s(slot=%d, volume=%d)", "MoIpcCli::BackSoundSetVol", static_cast<int>(slot), volume);
-    Exchange exchange(*m_ipc);
+    Exchange exchange(*this);
     m_ipc->Write(&slot, sizeof slot);
     m_ipc->Write(&volume, 1);
     return m_ipc->SendMessageW(kCmdBackSoundSetVol);
@@ -147,7 +149,7 @@ bool MoIpcCli::BackSoundSetVol(uint32_t slot, int8_t volume)
 bool MoIpcCli::EmoticPlay(uint32_t slot)
 {
     LogInfo("%s(slot=%d)", "MoIpcCli::EmoticPlay", static_cast<int>(slot));
-    Exchange exchange(*m_ipc);
+    Exchange exchange(*this);
     m_ipc->Write(&slot, sizeof slot);
     return m_ipc->SendMessageW(kCmdEmoticPlay);
 }
@@ -155,7 +157,7 @@ bool MoIpcCli::EmoticPlay(uint32_t slot)
 bool MoIpcCli::EmoticStop(uint32_t slot)
 {
     LogInfo("%s(slot=%d)", "MoIpcCli::EmoticStop", static_cast<int>(slot));
-    Exchange exchange(*m_ipc);
+    Exchange exchange(*this);
     m_ipc->Write(&slot, sizeof slot);
     return m_ipc->SendMessageW(kCmdEmoticStop);
 }
@@ -163,7 +165,7 @@ bool MoIpcCli::EmoticStop(uint32_t slot)
 bool MoIpcCli::EmoticSelect(uint32_t slot, const std::string& file)
 {
     LogInfo("%s(slot=%d, file=%s)", "MoIpcCli::EmoticSelect", static_cast<int>(slot), file.c_str());
-    Exchange exchange(*m_ipc);
+    Exchange exchange(*this);
     m_ipc->Write(&slot, sizeof slot);
     m_ipc->WriteString(file);
     return m_ipc->SendMessageW(kCmdEmoticSelect);
@@ -172,14 +174,14 @@ bool MoIpcCli::EmoticSelect(uint32_t slot, const std::string& file)
 bool MoIpcCli::EmoticStopAll()
 {
     LogInfo("%s()", "MoIpcCli::EmoticStopAll");
-    Exchange exchange(*m_ipc);
+    Exchange exchange(*this);
     return m_ipc->SendMessageW(kCmdEmoticStopAll);
 }
 
 bool MoIpcCli::EmoticsStatus(std::vector<bool>& playing)
 {
     LogInfo("MoIpcCli::EmoticsStatus");
-    Exchange exchange(*m_ipc);
+    Exchange exchange(*this);
     if (!m_ipc->SendMessageW(kCmdEmoticsStatus))
         return false;
     uint32_t count = 0;

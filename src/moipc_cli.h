@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -47,6 +48,10 @@ private:
     class Exchange;
 
     std::unique_ptr<IPC> m_ipc;
+    // The connection's state (its message handle, its read and write places) is one for the
+    // client: a whole exchange holds this lock, so the window thread and the event thread
+    // never step on each other's command.
+    std::mutex m_exchangeLock;
 };
 
 /// The process-wide client of the current service connection, or null while the service is not

@@ -289,6 +289,44 @@ TEST_F(ServiceLinkTest, AStaleMessageAreaOfAnotherSizeIsRefused)
     EXPECT_TRUE(service.Start());
 }
 
+// The window thread and the event thread share the panel's client. Commands from both, while
+// the service stops and starts under them, must never mix into a frame the service rejects.
+TEST_F(ServiceLinkTest, TwoThreadsSharingTheClientNeverMixTheirFrames)
+{
+    ServiceProcess service(kConfig);
+    ASSERT_TRUE(service.Start());
+    std::shared_ptr<MoIpcCli> client = ConnectToService(kIpcBaseName);
+    ASSERT_NE(client, nullptr);
+    std::atomic<bool> stop{false};
+    std::atomic<int> answered{0};
+    const auto hammer = [&](uint32_t slot, const std::string& name) {
+        while (!stop.load()) {
+            answered += client->EffectSelect(slot, name) ? 1 : 0;
+            std::vector<bool> playing;
+            answered += client->EmoticsStatus(playing) ? 1 : 0;
+        }
+    };
+    std::thread window(hammer, 0, std::string(200, 'w'));
+    std::thread events(hammer, 1, std::string(3, 'e'));
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    service.Stop(SIGTERM);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    ASSERT_TRUE(service.Start());
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    stop = true;
+    window.join();
+    events.join();
+    EXPECT_GT(answered.load(), 10);
+    std::ifstream log(service.Folder() / "larimosrv.log");
+    std::stringstream text;
+    text << log.rdbuf();
+    EXPECT_EQ(text.str().find("Rejected command"), std::string::npos) << "two commands were mixed into one frame";
+    // A fresh connection to the restarted service works.
+    client = ConnectToService(kIpcBaseName);
+    ASSERT_NE(client, nullptr);
+    EXPECT_TRUE(client->SrvUpdate());
+}
+
 TEST_F(ServiceLinkTest, TheServiceRunsOncePerUserAndEndsCleanlyOnSigterm)
 {
     ServiceProcess service(kConfig);
