@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "modb.h"
 
+#include "LibraryTestSupport.h"
 #include "WaveTestFiles.h"
 #include "error.h"
 #include "wave.h"
@@ -16,16 +17,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class Library : public ::testing::Test {
+class Library : public test::LibraryTest {
 protected:
-    void SetUp() override
-    {
-        test::StartEnglishTexts();
-        LibInit(m_root.Path());
-        fs::create_directories(LibBackSoundsFolder());
-        fs::create_directories(LibFunSoundsFolder());
-    }
-
     // A 22050 Hz stereo 8-bit file outside the library.
     std::string Source(const std::string& name)
     {
@@ -33,12 +26,6 @@ protected:
         test::WriteWav(path, SF_FORMAT_PCM_U8, 22050, 2, test::Sine(440, 0.5, 22050, 2, 2205));
         return path;
     }
-
-    // Every file below the program folder with its size.
-    std::map<std::string, std::uintmax_t> Snapshot() const { return test::FolderSnapshot(m_root.Path()); }
-
-    test::ScratchFolder m_root;
-    test::ScratchFolder m_sources;
 };
 
 TEST_F(Library, InitDerivesTheFoldersFromTheProgramFolder)

@@ -4,6 +4,7 @@
 // refused with its reason and leaves the library as it was.
 #include "modb.h"
 
+#include "LibraryTestSupport.h"
 #include "WaveTestFiles.h"
 #include "wave.h"
 
@@ -30,15 +31,8 @@ struct SoundKind {
     int channels;
 };
 
-class SoundImport : public ::testing::Test {
+class SoundImport : public test::LibraryTest {
 protected:
-    void SetUp() override
-    {
-        test::StartEnglishTexts();
-        LibInit(m_root.Path());
-        fs::create_directories(LibBackSoundsFolder());
-        fs::create_directories(LibFunSoundsFolder());
-    }
     // Writes `seconds` of a 440 Hz tone in the given kind outside the library.
     std::string Write(const SoundKind& kind, const std::string& stem, double seconds = 1.5)
     {
@@ -57,10 +51,6 @@ protected:
         sf_close(file);
         return path;
     }
-    std::map<std::string, std::uintmax_t> Snapshot() const { return test::FolderSnapshot(m_root.Path()); }
-
-    test::ScratchFolder m_root;
-    test::ScratchFolder m_sources;
 };
 
 class EveryKind : public SoundImport, public ::testing::WithParamInterface<SoundKind> {};

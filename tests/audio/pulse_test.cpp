@@ -6,6 +6,7 @@
 #include "wmme.h"
 
 #include "audio/AudioTestSupport.h"
+#include "server/ServiceProcess.h"
 
 #include <gtest/gtest.h>
 
@@ -154,13 +155,7 @@ TEST_F(Pulse, NamesAreFoundBySubstringInTheServersOrder)
 TEST_F(Pulse, AHeadsetsMicrophoneIsFoundAndNeverItsSpeakersMonitor)
 {
     const auto shell = [](const std::string& command) {
-        std::string output;
-        FILE* pipe = popen(command.c_str(), "r");
-        char buffer[256];
-        while (pipe != nullptr && fgets(buffer, sizeof buffer, pipe) != nullptr)
-            output += buffer;
-        if (pipe != nullptr)
-            pclose(pipe);
+        std::string output = test::Shell(command);
         while (!output.empty() && output.back() == '\n')
             output.pop_back();
         return output;

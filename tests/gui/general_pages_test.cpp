@@ -190,16 +190,7 @@ TEST_F(GeneralPagesTest, DeviceListsHoldNeitherMonitorsNorTheVirtualMicrophone)
 // pressed: a tone fed to it arrives at "Larimo Microphone".
 TEST_F(GeneralPagesTest, TheChosenMicrophoneIsWhatTheServiceRecordsAfterOk)
 {
-    const auto shell = [](const std::string& command) {
-        std::string output;
-        FILE* pipe = popen(command.c_str(), "r");
-        char buffer[256];
-        while (pipe != nullptr && fgets(buffer, sizeof buffer, pipe) != nullptr)
-            output += buffer;
-        if (pipe != nullptr)
-            pclose(pipe);
-        return output;
-    };
+    const auto shell = [](const std::string& command) { return test::Shell(command); };
     // A second microphone with a tone on it; the service starts on the silent test microphone.
     std::istringstream ids(shell(
         "pactl load-module module-null-sink sink_name=desk_feed \"sink_properties='device.description=\\\"Desk Feed\\\"'\" && "

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 
@@ -26,6 +27,20 @@ std::string NamespaceName()
 void UsePrivateObjectNamespace()
 {
     setenv("LARIMO_OBJECT_NAMESPACE", NamespaceName().c_str(), 1);
+}
+
+std::string Shell(const std::string& command)
+{
+    std::string output;
+    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+    if (pipe == nullptr)
+        return output;
+    char buffer[4096];
+    size_t got = 0;
+    while ((got = fread(buffer, 1, sizeof buffer, pipe)) > 0)
+        output.append(buffer, got);
+    pclose(pipe);
+    return output;
 }
 
 void RemovePrivateObjectNamespace()

@@ -45,6 +45,9 @@ private:
 /// Writes a mono 16-bit 44.1 kHz WAV file holding a sine of `count` samples, making its folder.
 void WriteSineWav(const std::filesystem::path& path, double hz, double amplitude, size_t count);
 
+/// Runs a shell command and gives back what it printed (standard output and error).
+std::string Shell(const std::string& command);
+
 /// Gives this test process, and every service it starts, named objects of their own, apart
 /// from a real voice service the user may be running. Call before the first object is used.
 void UsePrivateObjectNamespace();

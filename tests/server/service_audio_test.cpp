@@ -34,19 +34,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string Shell(const std::string& command)
-{
-    std::string output;
-    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-    if (pipe == nullptr)
-        return output;
-    std::array<char, 4096> buffer{};
-    size_t got = 0;
-    while ((got = fread(buffer.data(), 1, buffer.size(), pipe)) > 0)
-        output.append(buffer.data(), got);
-    pclose(pipe);
-    return output;
-}
+using test::Shell;
 
 // `seconds` of 44100 Hz mono from a source of the private sound server.
 std::vector<int16_t> Record(const std::string& source, double seconds)
