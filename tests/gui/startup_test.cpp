@@ -23,7 +23,9 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <chrono>
 #include <filesystem>
+#include <thread>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -75,7 +77,11 @@ protected:
     void TearDown() override
     {
         SetAudioBackend(m_previousAudio);
-        fs::remove_all(m_folder);
+        // A service asked to stop may still write its last log lines for a moment.
+        std::error_code ec;
+        for (int attempt = 0; attempt < 40 && (fs::remove_all(m_folder, ec), fs::exists(m_folder)); ++attempt)
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_FALSE(fs::exists(m_folder)) << "the test's folder stayed: " << ec.message();
     }
 
     void WriteSettings(const std::string& langFile, bool wizardDone)
