@@ -2,6 +2,7 @@
 // Round trip of one command against the real LarimoServer, beside a Unix-socket ping-pong
 // between two processes as the floor of what any IPC on this machine costs.
 #include "moipc_cli.h"
+#include "platform/NamedObjects.h"
 #include "server/moipc_cmds.h"
 
 #include <benchmark/benchmark.h>
@@ -12,6 +13,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <ctime>
 #include <filesystem>
 #include <thread>
 #include <vector>
@@ -30,14 +32,7 @@ public:
     {
         setenv("LARIMO_OBJECT_NAMESPACE", m_name.c_str(), 1);
     }
-    ~ObjectNamespace()
-    {
-        std::error_code ignored;
-        for (const auto& entry : fs::directory_iterator("/dev/shm", ignored)) {
-            if (entry.path().filename().string().find("-" + m_name + "-") != std::string::npos)
-                fs::remove(entry.path(), ignored);
-        }
-    }
+    ~ObjectNamespace() { larimo::RemoveNamedObjectNamespace(m_name); }
     ObjectNamespace(const ObjectNamespace&) = delete;
     ObjectNamespace& operator=(const ObjectNamespace&) = delete;
 
@@ -143,5 +138,55 @@ void BM_EffectSetActiveRoundTrip(benchmark::State& state)
         state.counters["x_socket_median"] = Summarise(samples).median / g_socketMedianUs;
 }
 BENCHMARK(BM_EffectSetActiveRoundTrip)->UseRealTime();
+
+// What the panel's observer costs while the service runs: a thread waits for the mutex another
+// process owns (the service's "work" mutex). Reports the waiting thread's CPU time per second.
+void BM_IdleWaitForAServicesMutex(benchmark::State& state)
+{
+    static const ObjectNamespace space;
+    const std::string name = "Global\\BenchOwned" + std::to_string(getpid());
+    const std::string readyName = name + "Ready";
+    const larimo::ObjHandle ready = larimo::CreateNamedEvent(readyName, true, false);
+    int hold[2];
+    if (pipe(hold) != 0) {
+        state.SkipWithError("pipe failed");
+        return;
+    }
+    const pid_t owner = fork();
+    if (owner == 0) {
+        close(hold[1]);
+        const larimo::ObjHandle mutex = larimo::CreateNamedMutex(name, true);
+        larimo::SetNamedEvent(larimo::OpenNamedEvent(readyName));
+        char byte = 0;
+        (void)!read(hold[0], &byte, 1);
+        larimo::ReleaseNamedMutex(mutex);
+        _exit(0);
+    }
+    close(hold[0]);
+    larimo::WaitForObject(ready, 5000);
+    const larimo::ObjHandle mutex = larimo::OpenNamedMutex(name);
+    double cpuSeconds = 0;
+    double wallSeconds = 0;
+    for (auto _ : state) {
+        timespec cpuStart {};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &cpuStart);
+        const auto start = Clock::now();
+        if (larimo::WaitForObject(mutex, 2000) != larimo::kWaitTimeout) {
+            state.SkipWithError("the owner let go of the mutex");
+            break;
+        }
+        timespec cpuEnd {};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &cpuEnd);
+        cpuSeconds += static_cast<double>(cpuEnd.tv_sec - cpuStart.tv_sec) + (cpuEnd.tv_nsec - cpuStart.tv_nsec) / 1e9;
+        wallSeconds += std::chrono::duration<double>(Clock::now() - start).count();
+    }
+    close(hold[1]);
+    waitpid(owner, nullptr, 0);
+    larimo::CloseObject(mutex);
+    larimo::CloseObject(ready);
+    if (wallSeconds > 0)
+        state.counters["waiter_cpu_percent"] = 100.0 * cpuSeconds / wallSeconds;
+}
+BENCHMARK(BM_IdleWaitForAServicesMutex)->Iterations(2)->UseRealTime();
 
 } // namespace

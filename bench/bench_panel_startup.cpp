@@ -14,6 +14,8 @@
 // Prints Google Benchmark style JSON; --benchmark_out=FILE writes it there too, --launches=N
 // sets the number of measured launches (default 10). Other --benchmark_* arguments are
 // accepted and ignored. Skips with a message when the sound server cannot start.
+#include "platform/NamedObjects.h"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -407,12 +409,7 @@ int main(int argc, char** argv)
         display.reset();
         Shell(server + " stop " + (root / "sound").string() + " >/dev/null 2>&1");
         // The named objects of this run's namespace, now that nothing uses them.
-        const std::string prefix = "larimo-" + std::to_string(getuid()) + "-" + ns + "-";
-        std::error_code ignored;
-        for (const auto& entry : fs::directory_iterator("/dev/shm", ignored)) {
-            if (entry.path().filename().string().rfind(prefix, 0) == 0)
-                fs::remove(entry.path(), ignored);
-        }
+        larimo::RemoveNamedObjectNamespace(ns);
     }
     if (failed == 0) {
         std::error_code ignored;

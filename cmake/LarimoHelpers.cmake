@@ -48,7 +48,8 @@ function(larimo_add_test name)
     set(ARG_TIMEOUT 120)
   endif()
   add_executable(${name} ${ARG_SOURCES})
-  target_link_libraries(${name} PRIVATE larimo_options GTest::gtest GTest::gmock GTest::gtest_main ${ARG_LIBS})
+  target_link_libraries(${name} PRIVATE larimo_options GTest::gtest GTest::gmock GTest::gtest_main
+    larimo_test_objects ${ARG_LIBS})
   target_compile_definitions(${name} PRIVATE
     LARIMO_SOURCE_DIR="${CMAKE_SOURCE_DIR}" LARIMO_APP_DIR="${LARIMO_APP_DIR}")
   set(extra)

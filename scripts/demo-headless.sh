@@ -24,16 +24,16 @@ server_pid=""
 cleanup() {
   [[ -n "$server_pid" ]] && kill "$server_pid" 2>/dev/null && wait "$server_pid" 2>/dev/null || true
   "$root/scripts/test-soundserver.sh" stop "$work/sound" >/dev/null 2>&1 || true
+  # With it go the named objects of this run's namespace, in its runtime folder.
   rm -rf "$work"
-  # The named objects of this run's namespace, once every process that used them has ended.
-  rm -f /dev/shm/larimo-"$(id -u)"-demo$$-*
 }
 trap cleanup EXIT
 
 "$root/scripts/test-soundserver.sh" start "$work/sound" >/dev/null
 export PULSE_SERVER="unix:$work/sound/native"
 # Named objects of its own, apart from a voice service the user may be running.
-export LARIMO_OBJECT_NAMESPACE="demo$$"
+export LARIMO_OBJECT_NAMESPACE="demo$$" XDG_RUNTIME_DIR="$work/runtime"
+mkdir -m 700 "$XDG_RUNTIME_DIR"
 
 cp -r "$app" "$work/app"
 ctl="$work/app/larimoctl"

@@ -66,7 +66,7 @@ cleanup() {
   [[ -n "$xvfb_pid" ]] && kill "$xvfb_pid" 2>/dev/null && wait "$xvfb_pid" 2>/dev/null || true
   "$root/scripts/test-soundserver.sh" stop "$run/sound" >/dev/null 2>&1 || true
   # The named objects of this run's namespace, once every process that used them has ended.
-  rm -f /dev/shm/larimo-"$(id -u)"-run$$-*
+  rm -rf "$run/runtime/larimo/run$$"
 }
 trap cleanup EXIT
 

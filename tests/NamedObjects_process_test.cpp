@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Named objects between processes: a forked child, or the helper program for a process that
 // starts from scratch.
-#include "PrivateObjectsEnvironment.h"
 #include "platform/NamedObjects.h"
 
 #include "platform/NamedObjectTable.h"
@@ -9,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -19,6 +19,8 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -361,6 +363,146 @@ TEST(NamedObjectsProcesses, AnotherUserCannotReachTheObjects)
     ReleaseNamedMutex(mutex);
     CloseObject(mem);
     CloseObject(mutex);
+}
+
+// Plays the stranger (root) against a user (nobody) whose objects have no runtime folder and
+// so live in /dev/shm, where anyone may create entries first.
+class PlantedByAnotherUser : public ::testing::Test {
+protected:
+    static constexpr uid_t kUser = 65534;
+
+    void SetUp() override
+    {
+        if (geteuid() != 0)
+            GTEST_SKIP() << "needs root to plant files for another user";
+        RemoveUsersSharedFolders();
+    }
+    void TearDown() override
+    {
+        if (geteuid() == 0)
+            RemoveUsersSharedFolders();
+    }
+
+    static std::string SharedFolder() { return "/dev/shm/larimo-" + std::to_string(kUser); }
+
+    static void RemoveUsersSharedFolders()
+    {
+        std::error_code ignored;
+        for (const auto& entry : std::filesystem::directory_iterator("/dev/shm", ignored)) {
+            const std::string file = entry.path().filename().string();
+            if (file.rfind("larimo-" + std::to_string(kUser), 0) == 0)
+                std::filesystem::remove_all(entry.path(), ignored);
+        }
+    }
+
+    // As the user: make a mutex it owns and a mapping with a word in it, and have a second
+    // process of the user find both; the objects must live below `expectedIn`. 0 when all of
+    // it works, the failed step otherwise.
+    static int UseObjectsAsTheUser(const char* runtimeFolder, const std::string& expectedIn)
+    {
+        Child user;
+        const std::string name = UniqueName("planted");
+        const bool forked = user.Fork([&] {
+            if (setgid(kUser) != 0 || setuid(kUser) != 0)
+                return 10;
+            if (runtimeFolder != nullptr)
+                setenv("XDG_RUNTIME_DIR", runtimeFolder, 1);
+            else
+                unsetenv("XDG_RUNTIME_DIR");
+            const ObjHandle mutex = CreateNamedMutex(name, true);
+            const ObjHandle mapping = CreateNamedMapping(name + "mem", 64);
+            if (mutex == 0 || mapping == 0)
+                return 11;
+            auto* words = static_cast<char*>(MapNamedMapping(mapping, nullptr));
+            if (words == nullptr)
+                return 12;
+            std::strcpy(words, "ours");
+            Child second;
+            second.Fork([&] {
+                const ObjHandle sameMutex = OpenNamedMutex(name);
+                const ObjHandle sameMapping = OpenNamedMapping(name + "mem");
+                if (sameMutex == 0 || sameMapping == 0)
+                    return 13;
+                const auto* seen = static_cast<const char*>(MapNamedMapping(sameMapping, nullptr));
+                if (seen == nullptr || std::strcmp(seen, "ours") != 0)
+                    return 14;
+                return WaitForObject(sameMutex, 0) == kWaitTimeout ? 0 : 15;
+            });
+            const int result = second.Reap();
+            // Every file of the user sits in a folder of the user's own.
+            struct stat info {};
+            const std::string folder = NamedObjectFolder();
+            if (lstat(folder.c_str(), &info) != 0 || !S_ISDIR(info.st_mode) || info.st_uid != kUser
+                || (info.st_mode & 077) != 0)
+                return 16;
+            if (folder.rfind(expectedIn + "/", 0) != 0)
+                return 17;
+            return result;
+        });
+        return forked ? user.Reap() : -1;
+    }
+};
+
+TEST_F(PlantedByAnotherUser, FilesAndFoldersInSharedMemoryChangeNothing)
+{
+    const std::string folder = SharedFolder();
+    const std::string space = NamedObjectNamespace();
+    struct Plant {
+        const char* what;
+        void (*make)(const std::string& folder, const std::string& space);
+    };
+    const Plant plants[] = {
+        { "nothing", [](const std::string&, const std::string&) {} },
+        { "a table file under the user's name",
+          [](const std::string& base, const std::string& name) {
+              std::ofstream(base + "-" + name + "-objects-v2") << "not a table";
+              std::ofstream(base + "-objects-v2") << "not a table";
+          } },
+        { "a folder open to everyone under the user's folder name",
+          [](const std::string& base, const std::string&) {
+              mkdir(base.c_str(), 0777);
+              chmod(base.c_str(), 0777);
+          } },
+        { "a file under the user's folder name",
+          [](const std::string& base, const std::string&) { std::ofstream(base) << "mine"; } },
+        { "a link to the stranger's own folder",
+          [](const std::string& base, const std::string&) {
+              mkdir("/dev/shm/larimo-planted-target", 0777);
+              symlink("/dev/shm/larimo-planted-target", base.c_str());
+          } },
+    };
+    for (const Plant& plant : plants) {
+        SCOPED_TRACE(plant.what);
+        RemoveUsersSharedFolders();
+        plant.make(folder, space);
+        EXPECT_EQ(UseObjectsAsTheUser(nullptr, "/dev/shm"), 0);
+    }
+    std::error_code ignored;
+    std::filesystem::remove_all("/dev/shm/larimo-planted-target", ignored);
+    RemoveNamedObjectNamespace(space);
+}
+
+TEST_F(PlantedByAnotherUser, TheUsersRuntimeFolderIsPreferredAndAStrangersIsNot)
+{
+    char pattern[] = "/tmp/larimo-runtime-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    const std::string runtime = pattern;
+    // The user's own runtime folder holds the objects, whatever lies in /dev/shm.
+    ASSERT_EQ(chown(runtime.c_str(), kUser, kUser), 0);
+    std::ofstream(SharedFolder()) << "mine";
+    EXPECT_EQ(UseObjectsAsTheUser(runtime.c_str(), runtime), 0);
+    // A runtime folder the user was handed but does not own (a root shell's, kept by sudo) is
+    // passed over for a folder of the user's own.
+    ASSERT_EQ(chown(runtime.c_str(), 0, 0), 0);
+    ASSERT_EQ(chmod(runtime.c_str(), 0755), 0);
+    RemoveUsersSharedFolders();
+    EXPECT_EQ(UseObjectsAsTheUser(runtime.c_str(), "/dev/shm"), 0);
+    struct stat info {};
+    EXPECT_EQ(lstat(SharedFolder().c_str(), &info), 0);
+    EXPECT_EQ(info.st_uid, kUser);
+    RemoveNamedObjectNamespace(NamedObjectNamespace());
+    std::error_code ignored;
+    std::filesystem::remove_all(runtime, ignored);
 }
 
 } // namespace

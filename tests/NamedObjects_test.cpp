@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "PrivateObjectsEnvironment.h"
 #include "platform/NamedObjects.h"
+
+#include "platform/NamedObjectTable.h"
 
 #include <gtest/gtest.h>
 
@@ -377,20 +378,50 @@ TEST(NamedObjects, FilesArePrivateToTheUser)
 {
     Handle mapping(CreateNamedMapping(UniqueName("private"), 16));
     ASSERT_NE(mapping.get(), 0u);
-    const std::string prefix = "larimo-" + std::to_string(geteuid()) + "-";
+    const std::string folder = NamedObjectFolder();
+    ASSERT_FALSE(folder.empty());
+    struct stat info {};
+    ASSERT_EQ(lstat(folder.c_str(), &info), 0);
+    EXPECT_TRUE(S_ISDIR(info.st_mode));
+    EXPECT_EQ(info.st_mode & 0777, 0700u);
+    EXPECT_EQ(info.st_uid, geteuid());
     int files = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
-        const std::string file = entry.path().filename().string();
-        if (file.rfind(prefix, 0) != 0)
-            continue;
-        struct stat info {};
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
         if (stat(entry.path().c_str(), &info) != 0)
             continue; // closed by a test running beside this one
         ++files;
-        EXPECT_EQ(info.st_mode & 0777, 0600u) << file;
-        EXPECT_EQ(info.st_uid, geteuid()) << file;
+        EXPECT_EQ(info.st_mode & 0777, 0600u) << entry.path();
+        EXPECT_EQ(info.st_uid, geteuid()) << entry.path();
     }
     EXPECT_GE(files, 2); // the table and this mapping at least
+}
+
+TEST(NamedObjects, TheSessionsRuntimeFolderHoldsTheObjects)
+{
+    // Only where the folder is, not the table this program already uses, follows the variable.
+    char pattern[] = "/tmp/larimo-runtime-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    const std::string runtime = pattern;
+    const char* saved = std::getenv("XDG_RUNTIME_DIR");
+    const std::string before = saved != nullptr ? saved : "";
+
+    setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
+    const std::string folder = NamedObjectFolder();
+    EXPECT_EQ(folder, runtime + "/larimo/" + NamedObjectNamespace());
+    // A runtime folder others may write to is no place for them.
+    ASSERT_EQ(chmod(runtime.c_str(), 0777), 0);
+    EXPECT_EQ(NamedObjectFolder().rfind(runtime, 0), std::string::npos);
+    // Nor is a relative path.
+    setenv("XDG_RUNTIME_DIR", "relative/run", 1);
+    EXPECT_EQ(NamedObjectFolder().find("relative"), std::string::npos);
+
+    if (saved != nullptr)
+        setenv("XDG_RUNTIME_DIR", before.c_str(), 1);
+    else
+        unsetenv("XDG_RUNTIME_DIR");
+    RemoveNamedObjectNamespace(NamedObjectNamespace());
+    std::error_code ignored;
+    std::filesystem::remove_all(runtime, ignored);
 }
 
 } // namespace

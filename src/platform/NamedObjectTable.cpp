@@ -22,6 +22,9 @@
 #include <ctime>
 #include <mutex>
 #include <new>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace larimo {
 namespace {
@@ -32,6 +35,31 @@ constexpr uint32_t kTableMagic = 0x4C4E4F54; // "LNOT"
 constexpr uint32_t kTableLayout = 2;
 
 static_assert(sizeof(SharedObjectTable) < 8u * 1024u * 1024u, "the table should stay small");
+
+const std::string kTableFileName = "objects-v" + std::to_string(kTableLayout);
+// How many names in /dev/shm are tried before giving up on a private folder there.
+constexpr int kSharedFolderCandidates = 16;
+
+// Whether no one but `user` can add, remove or replace entries in `path`: a real folder (not
+// a link to one) of that user that nobody else may write to. errno is EACCES when it is not.
+bool IsPrivateFolder(const std::string& path, uid_t user)
+{
+    struct stat info {};
+    if (lstat(path.c_str(), &info) != 0)
+        return false;
+    if (!S_ISDIR(info.st_mode) || info.st_uid != user || (info.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        errno = EACCES;
+        return false;
+    }
+    return true;
+}
+
+bool MakePrivateFolder(const std::string& path, uid_t user)
+{
+    if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST)
+        return false;
+    return IsPrivateFolder(path, user);
+}
 
 // Set inside a critical section, acted on once the lock is left, so woken waiters do not
 // run straight into the lock still held by the notifier.
@@ -128,8 +156,8 @@ uint32_t MapTableFile(int fd, MappedTable* mapped)
     struct stat info {};
     if (fstat(fd, &info) != 0)
         return ErrnoToObjectError(errno);
-    // The folder is shared by all users: a file under our name that someone else made, or
-    // that others may read, is not ours to trust.
+    // The folder is the user's own; still, a file that someone else made, or that others may
+    // read, is not ours to trust.
     if (!S_ISREG(info.st_mode) || info.st_uid != geteuid() || (info.st_mode & 077) != 0)
         return kErrorAccessDenied;
     if (static_cast<uint64_t>(info.st_size) != sizeof(SharedObjectTable))
@@ -150,9 +178,9 @@ uint32_t MapTableFile(int fd, MappedTable* mapped)
 // The table appears under its final name only once initialised (written under a private
 // name, then hard-linked), so no process ever sees a half-made table, and a creator that dies
 // halfway leaves only a stray private file.
-uint32_t OpenOrCreateTable(MappedTable* mapped)
+uint32_t OpenOrCreateTable(const std::string& folder, MappedTable* mapped)
 {
-    const std::string path = NamedObjectTablePath();
+    const std::string path = folder + "/" + kTableFileName;
     for (int attempt = 0; attempt < 3; ++attempt) {
         const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
         if (fd >= 0) {
@@ -211,20 +239,73 @@ void RefreshIdsInChild()
 
 } // namespace
 
-std::string NamedObjectFilePrefix()
+std::string NamedObjectNamespace()
 {
-    // LARIMO_OBJECT_NAMESPACE gives a separate world of objects, so that tests can run a
-    // service of their own beside the user's real one.
-    std::string prefix = "/dev/shm/larimo-" + std::to_string(geteuid()) + "-";
-    if (const char* space = std::getenv("LARIMO_OBJECT_NAMESPACE"); space != nullptr && *space != '\0') {
-        const std::string_view name(space);
-        const bool plain = name.size() <= 32 && std::all_of(name.begin(), name.end(), [](char c) {
-            return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
-        });
-        if (plain)
-            prefix += std::string(name) + "-";
+    const char* space = std::getenv("LARIMO_OBJECT_NAMESPACE");
+    if (space == nullptr)
+        return {};
+    const std::string_view name(space);
+    const bool plain = !name.empty() && name.size() <= 32 && std::all_of(name.begin(), name.end(), [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
+    });
+    return plain ? std::string(name) : std::string();
+}
+
+std::vector<std::string> NamedObjectBaseCandidates(uid_t user)
+{
+    std::vector<std::string> candidates;
+    // The session's runtime folder belongs to the user alone (the login manager makes it with
+    // mode 0700), so no one else can plant a file where our objects go. /run/user/<uid> is
+    // tried as well, so that a process started without the variable (from cron, or an ssh
+    // login without a session) still meets the user's other processes.
+    if (const char* runtime = std::getenv("XDG_RUNTIME_DIR"); runtime != nullptr && runtime[0] == '/')
+        candidates.push_back(std::string(runtime) + "/larimo");
+    const std::string standard = "/run/user/" + std::to_string(user) + "/larimo";
+    if (candidates.empty() || candidates.front() != standard)
+        candidates.push_back(standard);
+    // Without a runtime folder: a folder of our own in /dev/shm. Anyone may create entries
+    // there, so a name someone else took first is passed over for the next one; every process
+    // of the user walks the same list and stops at the same folder.
+    const std::string shared = "/dev/shm/larimo-" + std::to_string(user);
+    candidates.push_back(shared);
+    for (int n = 1; n < kSharedFolderCandidates; ++n)
+        candidates.push_back(shared + "." + std::to_string(n));
+    return candidates;
+}
+
+std::string NamedObjectFolder()
+{
+    const uid_t user = geteuid();
+    const std::string space = NamedObjectNamespace();
+    // Another process that ends its namespace may remove an empty base folder between our
+    // making it and making the namespace in it: then all is done again.
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        std::string base;
+        for (const std::string& candidate : NamedObjectBaseCandidates(user)) {
+            const std::string parent = candidate.substr(0, candidate.rfind('/'));
+            const bool runtime = parent != "/dev/shm";
+            if (runtime && !IsPrivateFolder(parent, user))
+                continue;
+            if (MakePrivateFolder(candidate, user)) {
+                base = candidate;
+                break;
+            }
+            // A runtime folder that is the user's own holds nothing planted by anyone else;
+            // if our folder cannot be made there, the next place is no better.
+            if (runtime && errno != ENOENT)
+                return {};
+        }
+        if (base.empty())
+            return {};
+        if (space.empty())
+            return base;
+        const std::string folder = base + "/" + space;
+        if (MakePrivateFolder(folder, user))
+            return folder;
+        if (errno != ENOENT)
+            return {};
     }
-    return prefix;
+    return {};
 }
 
 pid_t NamedObjectPid()
@@ -246,7 +327,8 @@ pid_t NamedObjectTid()
 
 std::string NamedObjectTablePath()
 {
-    return NamedObjectFilePrefix() + "objects-v" + std::to_string(kTableLayout);
+    const std::string folder = NamedObjectFolder();
+    return folder.empty() ? std::string() : folder + "/" + kTableFileName;
 }
 
 uint64_t TaskStartTime(pid_t pid, pid_t tid)
@@ -300,8 +382,13 @@ NamedObjectTable* NamedObjectTable::Get(uint32_t* error)
     g_checkUser.store(false, std::memory_order_relaxed);
     if (g_instance != nullptr && g_instanceUser == geteuid())
         return g_instance;
+    const std::string folder = NamedObjectFolder();
+    if (folder.empty()) {
+        *error = kErrorAccessDenied;
+        return nullptr;
+    }
     MappedTable mapped;
-    const uint32_t result = OpenOrCreateTable(&mapped);
+    const uint32_t result = OpenOrCreateTable(folder, &mapped);
     if (result != kErrorSuccess) {
         *error = result;
         return nullptr;
@@ -315,13 +402,14 @@ NamedObjectTable* NamedObjectTable::Get(uint32_t* error)
         *error = kErrorNoSystemResources;
         return nullptr;
     }
-    g_instance = ::new (storage[used++]) NamedObjectTable(mapped.table);
+    g_instance = ::new (storage[used++]) NamedObjectTable(mapped.table, folder);
     g_instanceUser = geteuid();
     return g_instance;
 }
 
-NamedObjectTable::NamedObjectTable(SharedObjectTable* shared)
+NamedObjectTable::NamedObjectTable(SharedObjectTable* shared, std::string folder)
     : m_shared(shared)
+    , m_folder(std::move(folder))
 {
 }
 
@@ -580,8 +668,7 @@ void NamedObjectTable::AbandonOwnedBy(pid_t pid, pid_t tid)
 
 std::string NamedObjectTable::MappingPath(uint32_t object) const
 {
-    return NamedObjectFilePrefix() + "map-" + std::to_string(object) + "-"
-        + std::to_string(m_shared->objects[object].generation);
+    return m_folder + "/map-" + std::to_string(object) + "-" + std::to_string(m_shared->objects[object].generation);
 }
 
 // A process died holding the lock, so one update may be half done: bring every slot back to

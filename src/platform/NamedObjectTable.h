@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace larimo {
 
@@ -135,19 +136,28 @@ public:
     std::string MappingPath(uint32_t object) const;
 
 private:
-    explicit NamedObjectTable(SharedObjectTable* shared);
+    NamedObjectTable(SharedObjectTable* shared, std::string folder);
     void Repair();
     void FreeObject(uint32_t object);
 
     SharedObjectTable* m_shared;
+    std::string m_folder;     // where the table and the mapping files are
     uint32_t m_process = kNoProcess;
     pid_t m_processPid = 0;
 };
 
-/// The folder of the table and mapping files and the prefix that keeps users apart.
-std::string NamedObjectFilePrefix();
+/// The object namespace LARIMO_OBJECT_NAMESPACE names, or "" for the user's own objects (also
+/// when the name is not plain letters, digits and underscores of at most 32).
+std::string NamedObjectNamespace();
 
-/// The file of the calling user's table.
+/// The folders, best first, that may hold the calling user's objects outside any namespace.
+std::vector<std::string> NamedObjectBaseCandidates(uid_t user);
+
+/// The folder of the calling user's table and mapping files (in the current namespace), made
+/// if missing; "" when no folder that only the user controls can be had.
+std::string NamedObjectFolder();
+
+/// The file of the calling user's table; "" as NamedObjectFolder.
 std::string NamedObjectTablePath();
 
 } // namespace larimo

@@ -2,6 +2,7 @@
 #include "platform/NamedObjects.h"
 
 #include "platform/NamedObjectTable.h"
+#include "platform/ProcessExitWatch.h"
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -13,6 +14,7 @@
 #include <array>
 #include <cerrno>
 #include <ctime>
+#include <filesystem>
 #include <mutex>
 #include <new>
 #include <string_view>
@@ -28,6 +30,9 @@ constexpr uint32_t kMaxRecursion = 0x7FFFFFFF;
 // long it sleeps at most while such an owner might die unseen.
 constexpr int64_t kLivenessIntervalNs = 10'000'000;
 constexpr int64_t kOwnerPollNs = 20'000'000;
+// With the owner's process watched (ProcessExitWatch), its death wakes the waiters at once;
+// only the end of the owning thread alone (a fault of the owner's) is still found by looking.
+constexpr int64_t kWatchedOwnerPollNs = 500'000'000;
 // Waits with nothing to poll still wake now and then, in case a change was never announced
 // (its announcer died inside the table).
 constexpr int64_t kIdlePollNs = 1'000'000'000;
@@ -54,14 +59,40 @@ struct LocalObjects {
 
 LocalObjects& Local();
 
+ProcessExitWatch& OwnerExits();
+
 // Handles are not inherited over fork: the child starts with none (its views stay mapped).
-void LockBeforeFork() { Local().lock.lock(); }
-void UnlockAfterFork() { Local().lock.unlock(); }
+void LockBeforeFork()
+{
+    Local().lock.lock();
+    OwnerExits().LockForFork();
+}
+void UnlockAfterFork()
+{
+    OwnerExits().UnlockAfterFork();
+    Local().lock.unlock();
+}
 void ResetInChild()
 {
+    OwnerExits().UnlockAfterFork();
     LocalObjects& local = Local();
     local.handles.fill(HandleEntry{});
     local.lock.unlock();
+}
+
+// Ends the wait of every thread, in every process of the user, that waits for a mutex owned
+// by a process that just ended: the next table user releases what the dead process held.
+ProcessExitWatch& OwnerExits()
+{
+    static ProcessExitWatch* const watch = new ProcessExitWatch([] {
+        uint32_t error = kErrorSuccess;
+        if (NamedObjectTable* table = NamedObjectTable::Get(&error)) {
+            NamedObjectTable::Lock lock(*table);
+            if (lock.Held())
+                table->PruneDeadProcesses();
+        }
+    });
+    return *watch;
 }
 
 LocalObjects& Local()
@@ -489,6 +520,7 @@ uint32_t WaitForAnyObject(const ObjHandle* objects, size_t count, uint32_t timeo
         if (checkOwners)
             lastLivenessCheck = now;
         bool ownedElsewhere = false;
+        bool ownersWatched = true;
         for (size_t i = 0; i < count; ++i) {
             ObjectSlot* slot = SlotOf(*table, entries[i]);
             if (slot == nullptr) {
@@ -521,10 +553,13 @@ uint32_t WaitForAnyObject(const ObjHandle* objects, size_t count, uint32_t timeo
                 return kWaitAbandoned0 + index;
             }
             ownedElsewhere = true;
+            if (slot->ownerPid == NamedObjectPid() || !OwnerExits().Watch(slot->ownerPid))
+                ownersWatched = false;
         }
         if (now >= deadline)
             return kWaitTimeout;
-        int64_t sleep = std::min(deadline - now, ownedElsewhere ? kOwnerPollNs : kIdlePollNs);
+        const int64_t poll = !ownedElsewhere ? kIdlePollNs : ownersWatched ? kWatchedOwnerPollNs : kOwnerPollNs;
+        const int64_t sleep = std::min(deadline - now, poll);
         lock.SleepForChange(std::max<int64_t>(sleep, 1));
     }
     t_lastError = kErrorInvalidHandle;
@@ -565,6 +600,32 @@ uint32_t LastObjectError()
 void SetLastObjectError(uint32_t error)
 {
     t_lastError = error;
+}
+
+void RemoveNamedObjectNamespace(const std::string& name)
+{
+    if (name.empty() || name.find('/') != std::string::npos || name == "." || name == "..")
+        return;
+    std::vector<std::string> bases = NamedObjectBaseCandidates(geteuid());
+    // A test that ran children as other users has namespaces of theirs as well.
+    std::error_code ignored;
+    for (const char* root : { "/dev/shm", "/run/user" }) {
+        for (const auto& entry : std::filesystem::directory_iterator(root, ignored)) {
+            const std::string file = entry.path().filename().string();
+            if (std::string_view(root) == "/run/user")
+                bases.push_back(entry.path().string() + "/larimo");
+            else if (file.rfind("larimo-", 0) == 0)
+                bases.push_back(entry.path().string());
+        }
+    }
+    std::sort(bases.begin(), bases.end());
+    bases.erase(std::unique(bases.begin(), bases.end()), bases.end());
+    for (const std::string& base : bases) {
+        if (!std::filesystem::is_directory(std::filesystem::symlink_status(base, ignored)))
+            continue;
+        std::filesystem::remove_all(base + "/" + name, ignored);
+        rmdir(base.c_str());
+    }
 }
 
 } // namespace larimo

@@ -102,4 +102,10 @@ uint32_t LastObjectError();
 /// Sets the calling thread's last error. Any thread.
 void SetLastObjectError(uint32_t error);
 
+/// Removes the files of object namespace `name` (see LARIMO_OBJECT_NAMESPACE) of the calling
+/// user and of every other user whose files this process may remove, and then the users'
+/// object folders that are left empty. For tests, benchmarks and scripts that ran in a
+/// namespace of their own; nothing of the namespace may be in use any more.
+void RemoveNamedObjectNamespace(const std::string& name);
+
 } // namespace larimo

@@ -175,9 +175,19 @@ class Run:
             except subprocess.TimeoutExpired:
                 self.service.kill()
                 self.service.wait()
-        prefix = f"larimo-{os.geteuid()}-{self.namespace}-"
-        for entry in Path("/dev/shm").glob(prefix + "*"):
-            entry.unlink(missing_ok=True)
+        # The named objects of the test's namespace, in whichever of the user's object folders
+        # the service used.
+        uid = os.geteuid()
+        bases = [Path(f"/run/user/{uid}/larimo"), *Path("/dev/shm").glob(f"larimo-{uid}*")]
+        if os.environ.get("XDG_RUNTIME_DIR", "").startswith("/"):
+            bases.append(Path(os.environ["XDG_RUNTIME_DIR"]) / "larimo")
+        for base in bases:
+            if base.is_dir() and not base.is_symlink():
+                shutil.rmtree(base / self.namespace, ignore_errors=True)
+                try:
+                    base.rmdir()
+                except OSError:
+                    pass
 
     def show_logs(self):
         for name in ("service.out", "browser.out"):

@@ -82,7 +82,6 @@ cleanup() {
   done
   stop_pid "$xvfb_pid"
   [[ -n "$own_sound" ]] && "$source_dir/scripts/test-soundserver.sh" stop "$own_sound" >/dev/null 2>&1
-  rm -f /dev/shm/larimo-"$(id -u)"-"$namespace"-*
   if [[ -n "$passed" ]]; then
     rm -rf "$work"
   else

@@ -17,18 +17,6 @@ namespace larimo::test {
 
 namespace fs = std::filesystem;
 
-namespace {
-std::string NamespaceName()
-{
-    return "test" + std::to_string(getpid());
-}
-} // namespace
-
-void UsePrivateObjectNamespace()
-{
-    setenv("LARIMO_OBJECT_NAMESPACE", NamespaceName().c_str(), 1);
-}
-
 std::string Shell(const std::string& command)
 {
     std::string output;
@@ -41,16 +29,6 @@ std::string Shell(const std::string& command)
         output.append(buffer, got);
     pclose(pipe);
     return output;
-}
-
-void RemovePrivateObjectNamespace()
-{
-    const std::string prefix = "larimo-" + std::to_string(geteuid()) + "-" + NamespaceName() + "-";
-    std::error_code ignored;
-    for (const auto& entry : fs::directory_iterator("/dev/shm", ignored)) {
-        if (entry.path().filename().string().rfind(prefix, 0) == 0)
-            fs::remove(entry.path(), ignored);
-    }
 }
 
 ServiceProcess::ServiceProcess(const std::string& configIni)

@@ -2,6 +2,8 @@
 // Runs the real LarimoServer from a temporary app folder for multi-process tests.
 #pragma once
 
+#include "../PrivateObjects.h"
+
 #include <sys/types.h>
 
 #include <chrono>
@@ -47,12 +49,6 @@ void WriteSineWav(const std::filesystem::path& path, double hz, double amplitude
 
 /// Runs a shell command and gives back what it printed (standard output and error).
 std::string Shell(const std::string& command);
-
-/// Gives this test process, and every service it starts, named objects of their own, apart
-/// from a real voice service the user may be running. Call before the first object is used.
-void UsePrivateObjectNamespace();
-/// Removes the files of that namespace; call when every object is closed.
-void RemovePrivateObjectNamespace();
 
 /// Waits for `predicate` up to `ms` milliseconds, checking every 5 ms.
 template <typename Predicate>
