@@ -87,6 +87,7 @@ int FindDeviceByName(const CSoundDevices& devices, const std::string& text)
 
 DriverControl::DriverControl(std::shared_ptr<AudioBackend> backend)
     : m_backend(std::move(backend))
+    , m_recorders(m_backend ? m_backend->WatchVirtualMicrophone() : nullptr)
 {
 }
 
@@ -95,7 +96,10 @@ uint32_t DriverControl::Query(uint32_t value)
     if (value != 0 && value != 1)
         return 0;
     bool inUse = false;
-    if (!m_backend || !m_backend->VirtualMicrophoneInUse(inUse)) {
+    const int32_t recorders = m_recorders ? m_recorders->load(std::memory_order_acquire) : kRecordersUnknown;
+    if (recorders != kRecordersUnknown) {
+        inUse = recorders > 0;
+    } else if (!m_backend || !m_backend->VirtualMicrophoneInUse(inUse)) {
         ReportControlFailure();
         return 0;
     }

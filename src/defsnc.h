@@ -9,6 +9,7 @@
 
 #include "SelectDefSound/SoundDevices.h"
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -38,6 +39,11 @@ public:
 
 private:
     std::shared_ptr<AudioBackend> m_backend;
+    // The count of recorders that the backend keeps from the sound system's own notifications,
+    // where it can. Reading it never waits for the sound server, so a stalled server cannot
+    // freeze the window that asks five times a second; the backend is asked directly only
+    // while the count is unknown (no connection yet, or it broke).
+    std::shared_ptr<const std::atomic<int32_t>> m_recorders;
     uint32_t m_counter = 1;
 };
 

@@ -10,10 +10,15 @@
 
 #include <gtest/gtest.h>
 
+#include <signal.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <chrono>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <random>
 #include <sstream>
 #include <thread>
@@ -231,11 +236,67 @@ TEST_F(Pulse, ControlAnswerMovesWhileTheVirtualMicrophoneRecords)
     ASSERT_EQ(in.Open(engine.ThreadId(), device, 16, 44100, 20, 4), kMmeSuccess);
     ASSERT_EQ(in.Start(), kMmeSuccess);
     ASSERT_TRUE(engine.WaitInputs(2));
-    const uint32_t first = DriverControlQuery(handle.get(), 1);
-    EXPECT_NE(DriverControlQuery(handle.get(), 1), first);
+    // The answer follows the server's notifications, which come a moment after the stream.
+    const auto moving = [&] { return DriverControlQuery(handle.get(), 1) != DriverControlQuery(handle.get(), 1); };
+    EXPECT_TRUE(test::Eventually(moving));
     EXPECT_TRUE(in.Close());
+    EXPECT_TRUE(test::Eventually([&] { return !moving(); }));
     const uint32_t closed = DriverControlQuery(handle.get(), 1);
     EXPECT_EQ(DriverControlQuery(handle.get(), 1), closed);
+}
+
+// The main window asks for the lamp five times a second on its own thread: with the sound
+// server stopped (SIGSTOP, as a debugger or an overloaded machine does), every answer must
+// still come at once. A server of this test's own, so that stopping it stalls nobody else.
+TEST(PulseStalled, LampAnswersWhileTheSoundServerIsStopped)
+{
+    char pattern[] = "/tmp/larimo-stalled-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    const std::string dir = pattern;
+    const std::string script = std::string(LARIMO_SOURCE_DIR) + "/scripts/test-soundserver.sh";
+    if (test::Shell(script + " start " + dir).find("PULSE_SERVER=") == std::string::npos)
+        GTEST_SKIP() << "no private sound server could be started";
+    const char* saved = std::getenv("PULSE_SERVER");
+    const std::string before = saved != nullptr ? saved : "";
+    setenv("PULSE_SERVER", ("unix:" + dir + "/native").c_str(), 1);
+    const std::shared_ptr<AudioBackend> previous = SetAudioBackend(CreatePulseBackend());
+    const pid_t server = std::atoi(test::Shell("cat " + dir + "/run/pulse/pid").c_str());
+
+    ASSERT_TRUE(CheckSoundDriver());
+    std::unique_ptr<DriverControl> handle;
+    DriverControlOpen(handle);
+    ASSERT_NE(handle, nullptr);
+    const uint32_t idle = DriverControlQuery(handle.get(), 1);
+    ASSERT_NE(idle, 0U);
+    const auto recorders = CurrentAudioBackend()->WatchVirtualMicrophone();
+    ASSERT_TRUE(test::Eventually([&] { return recorders && recorders->load() != kRecordersUnknown; }));
+    ASSERT_GT(server, 0);
+    ASSERT_EQ(kill(server, SIGSTOP), 0);
+    std::atomic<int> answered { 0 };
+    std::thread asker([&] {
+        for (int i = 0; i < 10; ++i) {
+            if (DriverControlQuery(handle.get(), 1) == idle)
+                ++answered;
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        }
+    });
+    // Ten answers take two seconds; a query waiting for the server would never end before it
+    // runs again.
+    const bool allAnswered = test::Eventually([&] { return answered == 10; }, std::chrono::seconds(4));
+    const int whileStopped = answered.load();
+    kill(server, SIGCONT);
+    asker.join();
+    EXPECT_TRUE(allAnswered) << whileStopped << " of 10 queries answered while the server was stopped";
+
+    handle.reset();
+    SetAudioBackend(previous);
+    if (saved != nullptr)
+        setenv("PULSE_SERVER", before.c_str(), 1);
+    else
+        unsetenv("PULSE_SERVER");
+    test::Shell(script + " stop " + dir);
+    std::error_code ignored;
+    std::filesystem::remove_all(dir, ignored);
 }
 
 // The count follows the server's events: a program that starts, pauses (corks) and stops
