@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The start-up operations that install, upgrade and start the voice service, run against the real
 // LarimoServer under the built-in supervisor.
-#include "PrivateObjectsEnvironment.h"
 #include "NTService.h"
 #include "platform/ServiceManager.h"
 
@@ -14,6 +13,7 @@
 #include "wintools.h"
 
 #include "server/ServiceProcess.h"
+#include "server/ServiceSandbox.h"
 #include "server/ServiceSandbox.h"
 
 #include <gtest/gtest.h>
@@ -316,8 +316,7 @@ TEST_F(ServiceInstallTest, FailuresAreShownWithTheirTextsAndCodes)
 TEST(ServiceInstallSystemd, InstallAndRunLeaveARunningUserUnit)
 {
     if (!OpenSystemdServiceManager())
-        GTEST_SKIP() << "no user systemd reachable (no user bus and no $XDG_RUNTIME_DIR/systemd/private); "
-                        "run this test inside a desktop session";
+        GTEST_SKIP() << test::WhyNoUserSystemd(LastServiceError());
     std::string existing;
     if (NtServiceGetPath(kServiceName, existing, kServicePathCapacity) != kNtsNotFound)
         GTEST_SKIP() << "a LarimoSrv unit is installed on this machine (" << existing << "); the test leaves it alone";

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Both service manager backends against the real LarimoServer: the supervisor always, systemd
 // when the machine has a user systemd.
-#include "../PrivateObjectsEnvironment.h"
 #include "platform/ServiceManager.h"
 #include "platform/SupervisorServiceManager.h"
 #include "platform/SystemdServiceManager.h"
@@ -271,8 +270,7 @@ TEST(SystemdUnits, LifecycleOfAUserUnit)
 {
     std::unique_ptr<ServiceManager> manager = OpenSystemdServiceManager();
     if (!manager)
-        GTEST_SKIP() << "no user systemd reachable (no user bus and no $XDG_RUNTIME_DIR/systemd/private, errno "
-                     << LastServiceError() << "); run these tests inside a desktop session";
+        GTEST_SKIP() << test::WhyNoUserSystemd(LastServiceError());
     // A name of its own, so a Larimo installed by the user stays untouched.
     const std::string name = "LarimoSrvTest" + std::to_string(getpid());
     test::ServiceProcess folder; // only for its app folder with a LarimoServer copy

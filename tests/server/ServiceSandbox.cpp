@@ -147,4 +147,19 @@ bool CopyWithProductVersion(const fs::path& source, const fs::path& target, cons
     return !error;
 }
 
+std::string WhyNoUserSystemd(uint32_t error)
+{
+    std::error_code ignored;
+    // A user manager runs only on a machine whose init is systemd (containers mostly are not).
+    if (!fs::is_directory("/run/systemd/system", ignored))
+        return "this machine was not booted with systemd (no /run/systemd/system), so no user manager can run here; "
+               "these tests run inside a desktop session";
+    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+    if (runtime == nullptr || *runtime == '\0')
+        return "XDG_RUNTIME_DIR is not set, so neither the user bus nor the manager's private socket can be found "
+               "(a login through the session manager sets it)";
+    return "no user bus and no " + std::string(runtime) + "/systemd/private answer (error " + std::to_string(error)
+        + "); the user manager may not run for this user (loginctl enable-linger, or a desktop session)";
+}
+
 } // namespace larimo::test

@@ -44,6 +44,10 @@ bool ProcessAlive(pid_t pid);
 /// Whether the voice service answers on its IPC objects.
 bool ServiceAnswers();
 
+/// Why the user's systemd cannot be reached here, in words for a skipped test's log line
+/// (`error`: what opening the manager left as the last error).
+std::string WhyNoUserSystemd(uint32_t error);
+
 /// Copies `source` to `target` (atomically replacing it, executable) with the product version text
 /// of its version record changed to `version`, which must be as long as the old one.
 bool CopyWithProductVersion(const std::filesystem::path& source, const std::filesystem::path& target,
