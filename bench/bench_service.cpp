@@ -7,11 +7,15 @@
 //  - CPU of LarimoServer (utime + stime of /proc/<pid>/stat) while a pitch effect, a background
 //    sound and two fun sounds play and somebody records, and while nobody records (idle).
 //    --cpu_seconds=N sets how long the busy case runs (default 10; 600 for the long run).
+//  - with --soak_seconds=N: the under-runs of the virtual microphone in N seconds of the busy
+//    case, at 25 ms and at 5 ms blocks, alone and while another process keeps a core busy.
 // Every case also reports the under-runs of the virtual microphone and the blocks the service
 // dropped, as the service's log gives them when it stops.
 // Prints Google Benchmark style JSON; --benchmark_out=FILE writes it there too. Other
 // --benchmark_* arguments are accepted and ignored. Skips with a message when there is no
 // sound server to start.
+#include "platform/NamedObjects.h"
+
 #include <pulse/error.h>
 #include <pulse/simple.h>
 
@@ -327,6 +331,54 @@ Result MeasureLatency(const fs::path& root, uint32_t blockMs, bool withEffect)
     return result;
 }
 
+// A pitch effect, a background sound and two fun sounds of 30 s, for `seconds`, the fun sounds
+// started again whenever they may have ended so that two always play.
+void PlayEverything(Service& service, double seconds)
+{
+    service.Ctl("effect 1");
+    service.Ctl("background 1");
+    const auto startFunSounds = [&service] {
+        service.Ctl("fun 1 play");
+        service.Ctl("fun 2 play");
+    };
+    startFunSounds();
+    for (double left = seconds; left > 0; left -= 25.0) {
+        std::this_thread::sleep_for(std::chrono::duration<double>(std::min(left, 25.0)));
+        if (left > 25.0)
+            startFunSounds();
+    }
+}
+
+// Under-runs of the virtual microphone while everything plays and somebody records, with or
+// without another process that keeps one core busy.
+Result MeasureSoak(const fs::path& root, uint32_t blockMs, double seconds, bool load)
+{
+    Result result{"ServiceSoak/block_ms:" + std::to_string(blockMs) + (load ? "/core_busy" : "/alone"), {}};
+    Service service(root, blockMs);
+    if (!service.Ok())
+        return result;
+    pid_t spinner = -1;
+    if (load) {
+        spinner = fork();
+        if (spinner == 0) {
+            volatile uint64_t turn = 0;
+            for (;;)
+                turn = turn + 1;
+        }
+    }
+    auto listener = std::make_unique<ClickRecorder>("larimo_mic_source");
+    const double start = NowMs();
+    PlayEverything(service, seconds);
+    result.counters = {{"seconds", (NowMs() - start) / 1000.0}, {"goal_underruns", 0.0}};
+    listener.reset();
+    if (spinner > 0) {
+        kill(spinner, SIGKILL);
+        waitpid(spinner, nullptr, 0);
+    }
+    service.Stop(&result);
+    return result;
+}
+
 std::vector<Result> MeasureCpu(const fs::path& root, double seconds)
 {
     std::vector<Result> results;
@@ -338,22 +390,10 @@ std::vector<Result> MeasureCpu(const fs::path& root, double seconds)
     results.push_back({"ServiceCpu/idle_nobody_records",
                        {{"cpu_percent", CpuPercent(service.Pid(), std::min(seconds, 20.0))}, {"goal_percent", 0.5}}});
     auto listener = std::make_unique<ClickRecorder>("larimo_mic_source");
-    service.Ctl("effect 1");
-    service.Ctl("background 1");
-    // Fun sounds of 30 s, started again whenever they may have ended, so two always play.
-    const auto startFunSounds = [&service] {
-        service.Ctl("fun 1 play");
-        service.Ctl("fun 2 play");
-    };
-    startFunSounds();
-    std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+    PlayEverything(service, 1.0);
     const uint64_t ticksBefore = CpuTicks(service.Pid());
     const double start = NowMs();
-    for (double left = seconds; left > 0; left -= 25.0) {
-        std::this_thread::sleep_for(std::chrono::duration<double>(std::min(left, 25.0)));
-        if (left > 25.0)
-            startFunSounds();
-    }
+    PlayEverything(service, seconds);
     const double elapsed = (NowMs() - start) / 1000.0;
     const double percent = 100.0 * static_cast<double>(CpuTicks(service.Pid()) - ticksBefore) /
                            static_cast<double>(sysconf(_SC_CLK_TCK)) / elapsed;
@@ -392,12 +432,15 @@ int main(int argc, char** argv)
 {
     std::string outPath;
     double cpuSeconds = 10.0;
+    double soakSeconds = 0;
     for (int i = 1; i < argc; ++i) {
         const std::string argument = argv[i];
         if (argument.rfind("--benchmark_out=", 0) == 0)
             outPath = argument.substr(16);
         else if (argument.rfind("--cpu_seconds=", 0) == 0)
             cpuSeconds = std::max(1.0, std::atof(argument.c_str() + 14));
+        else if (argument.rfind("--soak_seconds=", 0) == 0)
+            soakSeconds = std::max(0.0, std::atof(argument.c_str() + 15));
     }
     char pattern[] = "/tmp/larimo-bench-service-XXXXXX";
     const char* made = mkdtemp(pattern);
@@ -417,16 +460,18 @@ int main(int argc, char** argv)
         }
         for (Result& result : MeasureCpu(root, cpuSeconds))
             results.push_back(std::move(result));
+        for (const bool load : {false, true}) {
+            for (const uint32_t blockMs : {25u, 5u}) {
+                if (soakSeconds > 0)
+                    results.push_back(MeasureSoak(root, blockMs, soakSeconds, load));
+            }
+        }
         Shell(server + " stop " + (root / "sound").string() + " >/dev/null 2>&1");
     }
     std::error_code ignored;
     fs::remove_all(root, ignored);
     // The named objects of the benchmark's own namespace go with it.
-    const std::string objects = "larimo-" + std::to_string(geteuid()) + "-bench" + std::to_string(getpid()) + "-";
-    for (const auto& entry : fs::directory_iterator("/dev/shm", ignored)) {
-        if (entry.path().filename().string().rfind(objects, 0) == 0)
-            fs::remove(entry.path(), ignored);
-    }
+    larimo::RemoveNamedObjectNamespace("bench" + std::to_string(getpid()));
     const std::string json = Json(results);
     std::fputs(json.c_str(), stdout);
     if (!outPath.empty())
