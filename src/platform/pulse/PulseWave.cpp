@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "platform/pulse/PulseWave.h"
 
+#include "platform/OutputLead.h"
+
 #include <pulse/sample.h>
 
 #include <sys/eventfd.h>
@@ -21,14 +23,6 @@ namespace {
 // How far what waits ahead of the sink may exceed the lead before the surplus is skipped:
 // enough that the ordinary jitter of arriving buffers never costs a skip.
 constexpr uint32_t kTrimSlackMs = 6;
-// The lead adapts to the machine: each under-run adds half the requested lead, up to four
-// times it, and every kLeadCalmNs without one gives back an eighth of the requested lead,
-// never below the requested lead itself. A busy machine thus settles at the smallest lead
-// that plays without gaps, a quiet one stays at the requested one.
-constexpr uint32_t kLeadGrowthDivisor = 2;
-constexpr uint32_t kLeadMaxFactor = 4;
-constexpr uint32_t kLeadShrinkDivisor = 8;
-constexpr int64_t kLeadCalmNs = 60'000'000'000;
 
 bool ToSampleSpec(const StreamFormat& format, pa_sample_spec& sampleSpec)
 {
@@ -374,11 +368,11 @@ public:
         const uint32_t lead = shape.leadBytes / align * align;
         m_prebuf = buffer;
         m_written = buffer * std::max<uint32_t>(shape.bufferCount, 1);
-        m_lead.assign(lead * kLeadMaxFactor, format.bitsPerSample == 8 ? char(0x80) : char(0));
-        m_baseLead = lead;
+        // The lead adapts to the machine (OutputLead): a busy machine settles at the smallest
+        // lead that plays without gaps, a quiet one stays at the requested one.
+        m_leadPolicy = OutputLead(lead, align, NowNs());
+        m_lead.assign(m_leadPolicy.MaxBytes(), format.bitsPerSample == 8 ? char(0x80) : char(0));
         m_leadBytes = lead;
-        m_leadStep = std::max(align, lead / kLeadGrowthDivisor / align * align);
-        m_calmSinceNs = NowNs();
         m_align = align;
         m_bytesPerSecond = format.avgBytesPerSec;
         m_slack = kTrimSlackMs * format.avgBytesPerSec / 1000 / align * align;
@@ -520,21 +514,10 @@ private:
         // Played dry, the stream waits for its start threshold: the lead goes in first again,
         // a little longer each time, since this one was not enough here.
         m_leadDue = !m_lead.empty();
-        SetLeadLocked(std::min<uint32_t>(m_leadBytes + m_leadStep, static_cast<uint32_t>(m_lead.size())));
-        m_calmSinceNs = NowNs();
+        SetLeadLocked(m_leadPolicy.OnUnderrun(NowNs()));
     }
 
-    void RelaxLeadLocked()
-    {
-        if (m_leadBytes <= m_baseLead)
-            return;
-        const int64_t now = NowNs();
-        if (now - m_calmSinceNs < kLeadCalmNs)
-            return;
-        m_calmSinceNs = now;
-        const uint32_t step = std::max(m_align, m_baseLead / kLeadShrinkDivisor / m_align * m_align);
-        SetLeadLocked(std::max(m_baseLead, m_leadBytes - std::min(step, m_leadBytes)));
-    }
+    void RelaxLeadLocked() { SetLeadLocked(m_leadPolicy.Relax(NowNs())); }
 
     static int64_t NowNs()
     {
@@ -571,10 +554,8 @@ private:
     uint32_t m_prebuf = 0;
     uint32_t m_written = 0;    // the buffers the server may hold ahead, besides the lead
     std::vector<char> m_lead;  // silence for the longest lead
-    uint32_t m_baseLead = 0;   // the lead asked for
+    OutputLead m_leadPolicy;
     uint32_t m_leadBytes = 0;  // the lead now
-    uint32_t m_leadStep = 0;
-    int64_t m_calmSinceNs = 0; // the last under-run, or the last step back
     uint32_t m_slack = 0;
     uint32_t m_align = 1;
     uint64_t m_bytesPerSecond = 0;
