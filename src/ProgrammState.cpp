@@ -34,24 +34,22 @@ bool ProgrammState::ObserverStart(void* context)
 {
     LogEnter("ProgrammState::ObserverStart");
     bool started = false;
-    m_stopEvent = CreateNamedEvent(m_stopName, false, false);
-    if (m_stopEvent == 0) {
+    auto shared = std::make_shared<Shared>();
+    shared->stopEvent = CreateNamedEvent(m_stopName, false, false);
+    if (shared->stopEvent == 0) {
         LogScopeInfo("ProgrammState::ObserverStart", "Create event error: %u", LastObjectError());
     } else {
         if (context != nullptr)
             m_context = context;
-        {
-            std::lock_guard lock(m_doneMutex);
-            m_done = false;
-        }
+        shared->context = m_context;
         try {
-            m_thread = std::thread([this] { ThreadServerState(); });
+            m_thread = std::thread([this, shared] { ThreadServerState(shared); });
+            m_shared = std::move(shared);
             started = true;
         } catch (const std::system_error& error) {
             LogScopeInfo("ProgrammState::ObserverStart", "Create thread error: %u",
                          static_cast<unsigned>(error.code().value()));
-            CloseObject(m_stopEvent);
-            m_stopEvent = 0;
+            CloseObject(shared->stopEvent);
         }
     }
     LogLeaveResult("ProgrammState::ObserverStart", started);
@@ -60,81 +58,101 @@ bool ProgrammState::ObserverStart(void* context)
 
 void ProgrammState::ObserverStop()
 {
-    if (m_stopEvent == 0 && !m_thread.joinable())
+    if (!m_shared)
         return;
     LogInfo("ProgrammState::ObserverStop");
-    if (m_stopEvent != 0 && m_thread.joinable()) {
-        SetNamedEvent(m_stopEvent);
-        std::unique_lock lock(m_doneMutex);
-        if (!m_doneSignal.wait_for(lock, kObserverStopWait, [this] { return m_done; }))
-            LogError("The service observer did not end within %d ms.",
-                     static_cast<int>(kObserverStopWait.count()));
+    Shared& shared = *m_shared;
+    bool ended = true;
+    if (m_thread.joinable()) {
+        SetNamedEvent(shared.stopEvent);
+        std::unique_lock lock(shared.doneMutex);
+        ended = shared.doneSignal.wait_for(lock, kObserverStopWait, [&shared] { return shared.done; });
+        if (!ended) {
+            LogError("The service observer did not end within %d ms.", static_cast<int>(kObserverStopWait.count()));
+            // Still inside a callback: it ends by itself when the callback returns, and closes
+            // its handles then.
+            shared.abandoned = true;
+        }
+        lock.unlock();
+        if (ended)
+            m_thread.join();
+        else
+            m_thread.detach();
     }
-    // A callback stuck past the limit still has to return before the object may go.
-    if (m_thread.joinable())
-        m_thread.join();
-    if (m_stopEvent != 0)
-        CloseObject(m_stopEvent);
-    m_stopEvent = 0;
+    if (ended)
+        CloseObject(shared.stopEvent);
+    m_shared.reset();
     m_context = nullptr;
 }
 
-void ProgrammState::ThreadServerState()
+void ProgrammState::ThreadServerState(const std::shared_ptr<Shared>& state)
 {
+    Shared& shared = *state;
     LogEnter("ProgrammState::ThreadServerState");
-    if (m_stopEvent != 0) {
-        // Objects are private to the user, so every program of the user can set the run event.
-        m_runEvent = CreateNamedEvent(m_runName, false, false);
-        if (m_runEvent == 0) {
-            LogInfo("CreateEvent error: %u", LastObjectError());
-        } else {
-            std::vector<ObjHandle> waitSet{m_stopEvent, m_runEvent};
-            m_isWork = OpenNamedMutex(m_isWorkName);
-            if (m_isWork != 0) {
-                waitSet.push_back(m_isWork);
-                OnServStart(m_context);
-            }
-            bool running = true;
-            while (running) {
-                const uint32_t wait = WaitForAnyObject(waitSet.data(), waitSet.size(), kInfinite);
-                if (wait == kWaitObject0) {
-                    running = false;
-                } else if (wait == kWaitObject0 + 1) {
-                    if (m_isWork != 0)
-                        CloseObject(m_isWork);
-                    waitSet.resize(2);
-                    m_isWork = OpenNamedMutex(m_isWorkName);
-                    if (m_isWork != 0)
-                        waitSet.push_back(m_isWork);
-                    OnServStart(m_context);
-                } else if (wait == kWaitObject0 + 2 || wait == kWaitAbandoned0 + 2) {
-                    // The wait made this thread the owner; hand the mutex back so that a
-                    // restarted service can own it again.
-                    ReleaseNamedMutex(m_isWork);
-                    CloseObject(m_isWork);
-                    m_isWork = 0;
-                    waitSet.resize(2);
-                    OnServStop(m_context);
-                } else if (wait == kWaitFailed) {
-                    LogError("Waiting for the service state failed: %u", LastObjectError());
-                    running = false;
-                }
-                // Pause between rounds so that a flapping service cannot spin this thread; a
-                // stop request ends the pause at once.
-                if (running && WaitForObject(m_stopEvent, kObserverPauseMs) == kWaitObject0)
-                    running = false;
-            }
-            if (m_isWork != 0)
-                CloseObject(m_isWork);
-            CloseObject(m_runEvent);
-            m_isWork = 0;
-            m_runEvent = 0;
+    // Objects are private to the user, so every program of the user can set the run event.
+    ObjHandle isWork = 0;
+    const ObjHandle runEvent = CreateNamedEvent(m_runName, false, false);
+    if (runEvent == 0) {
+        LogInfo("CreateEvent error: %u", LastObjectError());
+    } else {
+        // Copied now: once the observer has been given up on, this object may be gone.
+        const std::string isWorkName = m_isWorkName;
+        // Every callback is made through the object, so none may be made after it gave up.
+        const auto report = [this, &shared](bool started) {
+            if (shared.abandoned)
+                return false;
+            if (started)
+                OnServStart(shared.context);
+            else
+                OnServStop(shared.context);
+            return !shared.abandoned;
+        };
+        std::vector<ObjHandle> waitSet{shared.stopEvent, runEvent};
+        isWork = OpenNamedMutex(isWorkName);
+        bool running = true;
+        if (isWork != 0) {
+            waitSet.push_back(isWork);
+            running = report(true);
         }
+        while (running) {
+            const uint32_t wait = WaitForAnyObject(waitSet.data(), waitSet.size(), kInfinite);
+            if (wait == kWaitObject0) {
+                running = false;
+            } else if (wait == kWaitObject0 + 1) {
+                if (isWork != 0)
+                    CloseObject(isWork);
+                waitSet.resize(2);
+                isWork = OpenNamedMutex(isWorkName);
+                if (isWork != 0)
+                    waitSet.push_back(isWork);
+                running = report(true);
+            } else if (wait == kWaitObject0 + 2 || wait == kWaitAbandoned0 + 2) {
+                // The wait made this thread the owner; hand the mutex back so that a
+                // restarted service can own it again.
+                ReleaseNamedMutex(isWork);
+                CloseObject(isWork);
+                isWork = 0;
+                waitSet.resize(2);
+                running = report(false);
+            } else if (wait == kWaitFailed) {
+                LogError("Waiting for the service state failed: %u", LastObjectError());
+                running = false;
+            }
+            // Pause between rounds so that a flapping service cannot spin this thread; a
+            // stop request ends the pause at once.
+            if (running && WaitForObject(shared.stopEvent, kObserverPauseMs) == kWaitObject0)
+                running = false;
+        }
+        if (isWork != 0)
+            CloseObject(isWork);
+        CloseObject(runEvent);
     }
     LogLeave("ProgrammState::ThreadServerState");
-    std::lock_guard lock(m_doneMutex);
-    m_done = true;
-    m_doneSignal.notify_all();
+    std::lock_guard lock(shared.doneMutex);
+    shared.done = true;
+    if (shared.abandoned)
+        CloseObject(shared.stopEvent);
+    shared.doneSignal.notify_all();
 }
 
 ServState::~ServState()

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -25,8 +26,9 @@ public:
 
     /// Starts the observer thread; `context` is handed to the callbacks. Window thread.
     bool ObserverStart(void* context);
-    /// Ends the observer thread (waits for it, logging when it takes longer than 2000 ms).
-    /// Window thread.
+    /// Ends the observer thread: waits up to 2000 ms for it; a thread still inside a callback
+    /// then is logged and left to end by itself (it touches nothing of this object once the
+    /// callback returns), so the panel's shutdown ends within the limit. Window thread.
     void ObserverStop();
 
     const std::string& IsWorkName() const { return m_isWorkName; }
@@ -39,20 +41,23 @@ protected:
     virtual void OnServStop(void* context);
 
 private:
-    void ThreadServerState();
+    // What the thread uses, shared with it so that a thread given up on finds it still there.
+    struct Shared {
+        ObjHandle stopEvent = 0;
+        void* context = nullptr;
+        std::mutex doneMutex;
+        std::condition_variable doneSignal;
+        bool done = false;
+        std::atomic<bool> abandoned { false };
+    };
+    void ThreadServerState(const std::shared_ptr<Shared>& shared);
 
     std::string m_stopName;
     std::string m_runName;
     std::string m_isWorkName;
-    ObjHandle m_stopEvent = 0;
-    ObjHandle m_runEvent = 0;
-    ObjHandle m_isWork = 0;
+    std::shared_ptr<Shared> m_shared;
     std::thread m_thread;
     void* m_context = nullptr;
-
-    std::mutex m_doneMutex;
-    std::condition_variable m_doneSignal;
-    bool m_done = false;
 };
 
 /// What the observer reports to: the main window, or any other client of the service link.

@@ -21,21 +21,21 @@ ServiceEventThread::~ServiceEventThread()
 bool ServiceEventThread::Start(Handlers handlers)
 {
     Stop();
-    m_handlers = std::move(handlers);
-    m_exitEvent = CreateNamedEvent(kExitEventName, true, false);
+    m_shared = std::make_shared<Shared>();
+    Shared& shared = *m_shared;
+    shared.handlers = std::move(handlers);
+    shared.exitEvent = CreateNamedEvent(kExitEventName, true, false);
     // A manual-reset event left set by an earlier run would end the new thread at once.
-    if (m_exitEvent != 0)
-        ResetNamedEvent(m_exitEvent);
-    m_emoticEvent = OpenNamedEvent(kEmoticEventName);
-    m_osciEvent = OpenNamedEvent(kOsciEventName);
-    {
-        std::lock_guard lock(m_doneMutex);
-        m_done = false;
-    }
+    if (shared.exitEvent != 0)
+        ResetNamedEvent(shared.exitEvent);
+    shared.emoticEvent = OpenNamedEvent(kEmoticEventName);
+    shared.osciEvent = OpenNamedEvent(kOsciEventName);
     try {
-        m_thread = std::thread([this] { Run(); });
+        m_thread = std::thread([state = m_shared] { Run(state); });
     } catch (const std::system_error&) {
         LogError("Cannot start the service event thread.");
+        CloseHandles(shared);
+        m_shared.reset();
         return false;
     }
     return true;
@@ -43,41 +43,65 @@ bool ServiceEventThread::Start(Handlers handlers)
 
 void ServiceEventThread::Stop()
 {
-    if (m_exitEvent != 0)
-        SetNamedEvent(m_exitEvent);
+    if (!m_shared)
+        return;
+    Shared& shared = *m_shared;
+    if (shared.exitEvent != 0)
+        SetNamedEvent(shared.exitEvent);
+    bool ended = true;
     if (m_thread.joinable()) {
         LogScopeInfo("CLarimoDlg::ServOnStop", "Stoping command thread...");
-        std::unique_lock lock(m_doneMutex);
-        if (!m_doneSignal.wait_for(lock, kStopWait, [this] { return m_done; }))
+        std::unique_lock lock(shared.doneMutex);
+        ended = shared.doneSignal.wait_for(lock, kStopWait, [&shared] { return shared.done; });
+        if (!ended) {
             LogError("Error of stop comand thread");
+            // Still inside a handler: it ends by itself when the handler returns, and closes
+            // the handles then.
+            shared.abandoned = true;
+        }
         lock.unlock();
-        m_thread.join();
+        if (ended)
+            m_thread.join();
+        else
+            m_thread.detach();
     }
-    for (ObjHandle* handle : {&m_exitEvent, &m_emoticEvent, &m_osciEvent}) {
+    if (ended)
+        CloseHandles(shared);
+    m_shared.reset();
+}
+
+void ServiceEventThread::CloseHandles(Shared& shared)
+{
+    for (ObjHandle* handle : {&shared.exitEvent, &shared.emoticEvent, &shared.osciEvent}) {
         if (*handle != 0)
             CloseObject(*handle);
         *handle = 0;
     }
 }
 
-void ServiceEventThread::Run()
+void ServiceEventThread::Run(const std::shared_ptr<Shared>& state)
 {
+    Shared& shared = *state;
     LogEnter("CLarimoDlg::SrvCommandsThread");
-    const ObjHandle waitSet[3] = {m_exitEvent, m_emoticEvent, m_osciEvent};
+    const ObjHandle waitSet[3] = {shared.exitEvent, shared.emoticEvent, shared.osciEvent};
     for (;;) {
         const uint32_t wait = WaitForAnyObject(waitSet, 3, kInfinite);
         if (wait == kWaitObject0 || wait == kWaitTimeout || wait == kWaitFailed)
             break;
-        if (wait == kWaitObject0 + 1 && m_handlers.onEmotics)
-            m_handlers.onEmotics();
-        else if (wait == kWaitObject0 + 2 && m_handlers.onOsciUpdate)
-            m_handlers.onOsciUpdate();
+        if (wait == kWaitObject0 + 1 && shared.handlers.onEmotics)
+            shared.handlers.onEmotics();
+        else if (wait == kWaitObject0 + 2 && shared.handlers.onOsciUpdate)
+            shared.handlers.onOsciUpdate();
+        if (shared.abandoned)
+            break;
     }
     LogScopeInfo("CLarimoDlg::SrvCommandsThread", "exit handler");
     LogLeaveResult("CLarimoDlg::SrvCommandsThread", 0);
-    std::lock_guard lock(m_doneMutex);
-    m_done = true;
-    m_doneSignal.notify_all();
+    std::lock_guard lock(shared.doneMutex);
+    shared.done = true;
+    if (shared.abandoned)
+        CloseHandles(shared);
+    shared.doneSignal.notify_all();
 }
 
 } // namespace larimo

@@ -6,7 +6,9 @@
 #include "platform/NamedObjects.h"
 
 #include <condition_variable>
+#include <atomic>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -29,23 +31,31 @@ public:
     /// service event makes the thread end at once (its wait fails), as after a service stop.
     /// Returns whether the thread runs. Any thread but the event thread.
     bool Start(Handlers handlers);
-    /// Sets the exit event, waits for the thread (logging when it takes over 3000 ms) and closes
-    /// every handle. Safe to call when not started. Any thread but the event thread.
+    /// Sets the exit event and waits up to 3000 ms for the thread. A thread still inside a
+    /// handler then is logged and left to end by itself: it touches nothing of this object
+    /// once the handler returns, so Stop, and the panel's shutdown, end within the limit. Safe
+    /// to call when not started. Any thread but the event thread.
     void Stop();
 
     bool IsRunning() const { return m_thread.joinable(); }
 
 private:
-    void Run();
+    // What the thread uses, shared with it so that a thread given up on finds it still there.
+    struct Shared {
+        Handlers handlers;
+        ObjHandle exitEvent = 0;
+        ObjHandle emoticEvent = 0;
+        ObjHandle osciEvent = 0;
+        std::mutex doneMutex;
+        std::condition_variable doneSignal;
+        bool done = false;
+        std::atomic<bool> abandoned { false };
+    };
+    static void Run(const std::shared_ptr<Shared>& shared);
+    static void CloseHandles(Shared& shared);
 
-    Handlers m_handlers;
-    ObjHandle m_exitEvent = 0;
-    ObjHandle m_emoticEvent = 0;
-    ObjHandle m_osciEvent = 0;
+    std::shared_ptr<Shared> m_shared;
     std::thread m_thread;
-    std::mutex m_doneMutex;
-    std::condition_variable m_doneSignal;
-    bool m_done = false;
 };
 
 } // namespace larimo

@@ -14,8 +14,11 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <filesystem>
 #include <fstream>
+#include <memory>
+#include <mutex>
 #include <sstream>
 #include <thread>
 
@@ -402,6 +405,111 @@ TEST_F(ServiceLinkTest, TheEventThreadSeesFunSoundChangesAndEndsAfterTheServiceW
     events.Stop();
     EXPECT_FALSE(events.IsRunning());
     EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(3500));
+}
+
+// A callback that does not come back (a listener stuck on something of its own) must not keep
+// the panel from ending: each stop gives up on its thread after its limit. The callbacks are
+// held until the stop has returned, or 10 s have passed, and are let go only then.
+class StuckCallback {
+public:
+    void Enter()
+    {
+        std::unique_lock lock(m_mutex);
+        m_entered = true;
+        m_changed.notify_all();
+        m_changed.wait(lock, [this] { return m_released; });
+        m_returned = true;
+    }
+    bool WaitEntered()
+    {
+        std::unique_lock lock(m_mutex);
+        return m_changed.wait_for(lock, std::chrono::seconds(5), [this] { return m_entered; });
+    }
+    void Release()
+    {
+        std::lock_guard lock(m_mutex);
+        m_released = true;
+        m_changed.notify_all();
+    }
+    bool Returned()
+    {
+        std::lock_guard lock(m_mutex);
+        return m_returned;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_entered = false;
+    bool m_released = false;
+    bool m_returned = false;
+};
+
+// Runs `stop` on a thread of its own; how long it took, or 10 s and more when it hung (the
+// stuck callback is let go then, so that it ends at all).
+template <typename Stop>
+double SecondsToStop(StuckCallback& stuck, Stop stop)
+{
+    std::atomic<bool> done { false };
+    const auto start = Clock::now();
+    std::thread stopper([&] {
+        stop();
+        done = true;
+    });
+    WaitFor(10000, [&] { return done.load(); });
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    stuck.Release();
+    stopper.join();
+    return seconds;
+}
+
+TEST_F(ServiceLinkTest, StoppingTheObserverEndsInTimeWhileACallbackHangs)
+{
+    class StuckListener : public ServiceLinkListener {
+    public:
+        void ServOnStart() override { stuck.Enter(); }
+        void ServOnStop() override { }
+        StuckCallback stuck;
+    };
+    // A service as the observer sees one: its "work" mutex, owned.
+    const ObjHandle work = CreateNamedMutex(std::string(kServStateBaseName) + kServIsWorkSuffix, true);
+    ASSERT_NE(work, 0u);
+    auto listener = std::make_unique<StuckListener>();
+    auto observer = std::make_unique<ServState>(kServStateBaseName);
+    ASSERT_TRUE(observer->ObserverStart(listener.get()));
+    ASSERT_TRUE(listener->stuck.WaitEntered());
+
+    const double seconds = SecondsToStop(listener->stuck, [&] { observer->ObserverStop(); });
+    EXPECT_LT(seconds, 4.0) << "the stop waited for the stuck callback";
+    // Given up on, the thread ends by itself once the callback returns, without the observer.
+    observer.reset();
+    EXPECT_TRUE(WaitFor(2000, [&] { return listener->stuck.Returned(); }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    ReleaseNamedMutex(work);
+    CloseObject(work);
+}
+
+TEST_F(ServiceLinkTest, StoppingTheEventThreadEndsInTimeWhileAHandlerHangs)
+{
+    // The service's two events, as a running service has them.
+    const ObjHandle emotics = CreateNamedEvent(kEmoticEventName, false, false);
+    const ObjHandle osci = CreateNamedEvent(kOsciEventName, false, false);
+    ASSERT_NE(emotics, 0u);
+    ASSERT_NE(osci, 0u);
+    StuckCallback stuck;
+    auto events = std::make_unique<ServiceEventThread>();
+    ASSERT_TRUE(events->Start({[&] { stuck.Enter(); }, nullptr}));
+    SetNamedEvent(emotics);
+    ASSERT_TRUE(stuck.WaitEntered());
+
+    const double seconds = SecondsToStop(stuck, [&] { events->Stop(); });
+    EXPECT_LT(seconds, 5.0) << "the stop waited for the stuck handler";
+    EXPECT_FALSE(events->IsRunning());
+    events.reset();
+    EXPECT_TRUE(WaitFor(2000, [&] { return stuck.Returned(); }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    CloseObject(emotics);
+    CloseObject(osci);
 }
 
 } // namespace
