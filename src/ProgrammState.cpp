@@ -65,19 +65,11 @@ void ProgrammState::ObserverStop()
     bool ended = true;
     if (m_thread.joinable()) {
         SetNamedEvent(shared.stopEvent);
-        std::unique_lock lock(shared.doneMutex);
-        ended = shared.doneSignal.wait_for(lock, kObserverStopWait, [&shared] { return shared.done; });
-        if (!ended) {
+        // Still inside a callback after the limit: it ends by itself when the callback
+        // returns, and closes its handles then.
+        ended = shared.end.WaitOrGiveUp(m_thread, kObserverStopWait);
+        if (!ended)
             LogError("The service observer did not end within %d ms.", static_cast<int>(kObserverStopWait.count()));
-            // Still inside a callback: it ends by itself when the callback returns, and closes
-            // its handles then.
-            shared.abandoned = true;
-        }
-        lock.unlock();
-        if (ended)
-            m_thread.join();
-        else
-            m_thread.detach();
     }
     if (ended)
         CloseObject(shared.stopEvent);
@@ -99,13 +91,13 @@ void ProgrammState::ThreadServerState(const std::shared_ptr<Shared>& state)
         const std::string isWorkName = m_isWorkName;
         // Every callback is made through the object, so none may be made after it gave up.
         const auto report = [this, &shared](bool started) {
-            if (shared.abandoned)
+            if (shared.end.GivenUp())
                 return false;
             if (started)
                 OnServStart(shared.context);
             else
                 OnServStop(shared.context);
-            return !shared.abandoned;
+            return !shared.end.GivenUp();
         };
         std::vector<ObjHandle> waitSet{shared.stopEvent, runEvent};
         isWork = OpenNamedMutex(isWorkName);
@@ -148,11 +140,8 @@ void ProgrammState::ThreadServerState(const std::shared_ptr<Shared>& state)
         CloseObject(runEvent);
     }
     LogLeave("ProgrammState::ThreadServerState");
-    std::lock_guard lock(shared.doneMutex);
-    shared.done = true;
-    if (shared.abandoned)
+    if (shared.end.Done())
         CloseObject(shared.stopEvent);
-    shared.doneSignal.notify_all();
 }
 
 ServState::~ServState()

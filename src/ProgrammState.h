@@ -3,6 +3,7 @@
 // service's is-work mutex and run event and reports each start and stop.
 #pragma once
 
+#include "ThreadEnd.h"
 #include "platform/NamedObjects.h"
 
 #include <atomic>
@@ -45,10 +46,7 @@ private:
     struct Shared {
         ObjHandle stopEvent = 0;
         void* context = nullptr;
-        std::mutex doneMutex;
-        std::condition_variable doneSignal;
-        bool done = false;
-        std::atomic<bool> abandoned { false };
+        ThreadEnd end;
     };
     void ThreadServerState(const std::shared_ptr<Shared>& shared);
 

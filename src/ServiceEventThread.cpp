@@ -51,19 +51,11 @@ void ServiceEventThread::Stop()
     bool ended = true;
     if (m_thread.joinable()) {
         LogScopeInfo("CLarimoDlg::ServOnStop", "Stoping command thread...");
-        std::unique_lock lock(shared.doneMutex);
-        ended = shared.doneSignal.wait_for(lock, kStopWait, [&shared] { return shared.done; });
-        if (!ended) {
+        // Still inside a handler after the limit: it ends by itself when the handler returns,
+        // and closes the handles then.
+        ended = shared.end.WaitOrGiveUp(m_thread, kStopWait);
+        if (!ended)
             LogError("Error of stop comand thread");
-            // Still inside a handler: it ends by itself when the handler returns, and closes
-            // the handles then.
-            shared.abandoned = true;
-        }
-        lock.unlock();
-        if (ended)
-            m_thread.join();
-        else
-            m_thread.detach();
     }
     if (ended)
         CloseHandles(shared);
@@ -92,16 +84,13 @@ void ServiceEventThread::Run(const std::shared_ptr<Shared>& state)
             shared.handlers.onEmotics();
         else if (wait == kWaitObject0 + 2 && shared.handlers.onOsciUpdate)
             shared.handlers.onOsciUpdate();
-        if (shared.abandoned)
+        if (shared.end.GivenUp())
             break;
     }
     LogScopeInfo("CLarimoDlg::SrvCommandsThread", "exit handler");
     LogLeaveResult("CLarimoDlg::SrvCommandsThread", 0);
-    std::lock_guard lock(shared.doneMutex);
-    shared.done = true;
-    if (shared.abandoned)
+    if (shared.end.Done())
         CloseHandles(shared);
-    shared.doneSignal.notify_all();
 }
 
 } // namespace larimo

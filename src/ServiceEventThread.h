@@ -3,13 +3,11 @@
 // oscilloscope traces. It exists so that the window thread never waits on the service.
 #pragma once
 
+#include "ThreadEnd.h"
 #include "platform/NamedObjects.h"
 
-#include <condition_variable>
-#include <atomic>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <thread>
 
 namespace larimo {
@@ -46,10 +44,7 @@ private:
         ObjHandle exitEvent = 0;
         ObjHandle emoticEvent = 0;
         ObjHandle osciEvent = 0;
-        std::mutex doneMutex;
-        std::condition_variable doneSignal;
-        bool done = false;
-        std::atomic<bool> abandoned { false };
+        ThreadEnd end;
     };
     static void Run(const std::shared_ptr<Shared>& shared);
     static void CloseHandles(Shared& shared);
