@@ -78,6 +78,19 @@ void WriteWav(const std::string& path, int subtype, int rate, int channels, cons
     EXPECT_EQ(sf_close(file), 0);
 }
 
+void WriteSound(const std::string& path, int format, int rate, int channels, const std::vector<std::int16_t>& samples)
+{
+    SF_INFO info{};
+    info.samplerate = rate;
+    info.channels = channels;
+    info.format = format;
+    SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
+    ASSERT_NE(file, nullptr) << sf_strerror(nullptr) << " for format 0x" << std::hex << format;
+    const auto frames = static_cast<sf_count_t>(samples.size() / static_cast<std::size_t>(channels));
+    EXPECT_EQ(sf_writef_short(file, samples.data(), frames), frames);
+    EXPECT_EQ(sf_close(file), 0);
+}
+
 std::vector<double> Sine(double hz, double amplitude, int rate, int channels, std::size_t frames,
                          const std::vector<double>& channelSign)
 {

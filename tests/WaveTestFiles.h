@@ -38,6 +38,10 @@ std::vector<std::uint8_t> FormatBytes(std::uint16_t tag, std::uint16_t channels,
 void WriteWav(const std::string& path, int subtype, int rate, int channels,
               const std::vector<double>& samples);
 
+/// Writes a sound file of any kind libsndfile writes (`format`: SF_FORMAT_ major type | subtype)
+/// from 16-bit samples, interleaved. Fails the current test when it cannot.
+void WriteSound(const std::string& path, int format, int rate, int channels, const std::vector<std::int16_t>& samples);
+
 /// `frames` frames of a sine of `hz` at `amplitude` in every channel; `channelSign[c]`
 /// multiplies channel c (default all +1).
 std::vector<double> Sine(double hz, double amplitude, int rate, int channels, std::size_t frames,

@@ -16,13 +16,6 @@
 
 namespace larimo::test {
 
-void StartEnglishTexts()
-{
-    static const bool started =
-        StartTexts(LARIMO_SOURCE_DIR "/data/lang/", LARIMO_SOURCE_DIR "/data/lang/larimo_en.tra");
-    ASSERT_TRUE(started);
-}
-
 const std::string& TestLogPath()
 {
     // A death test's child process inherits the path, so both write one log.
@@ -58,6 +51,19 @@ bool Eventually(const std::function<bool()>& done, std::chrono::milliseconds lim
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
+}
+
+::testing::AssertionResult StartRecording(CallbackEngine& engine, PaStreamIn& stream, const std::string& name,
+                                          uint32_t bufferMs, uint32_t count)
+{
+    int device = kNoDevice;
+    if (PaGetDevNByName(name, 1, device) != kMmeSuccess)
+        return ::testing::AssertionFailure() << "no recording device \"" << name << "\"";
+    if (const uint32_t error = stream.Open(engine.ThreadId(), device, 16, 44100, bufferMs, count); error != kMmeSuccess)
+        return ::testing::AssertionFailure() << "\"" << name << "\" did not open (" << error << ")";
+    if (const uint32_t error = stream.Start(); error != kMmeSuccess)
+        return ::testing::AssertionFailure() << "\"" << name << "\" did not start (" << error << ")";
+    return ::testing::AssertionSuccess();
 }
 
 CallbackEngine::CallbackEngine() = default;

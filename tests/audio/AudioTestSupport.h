@@ -5,6 +5,8 @@
 #include "platform/virtual/VirtualAudio.h"
 #include "wmme.h"
 
+#include "../WaveTestFiles.h"
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -16,8 +18,6 @@
 
 namespace larimo::test {
 
-/// Starts the English texts once per test program.
-void StartEnglishTexts();
 /// Opens a log file in a fresh temporary folder once per test program and returns its path.
 const std::string& TestLogPath();
 std::string ReadTestLog();
@@ -79,6 +79,11 @@ private:
     std::shared_ptr<AudioBackend> m_previous;
     bool m_installed = false;
 };
+
+/// Opens a 16-bit 44.1 kHz recording stream on the device `name` finds (as the service finds
+/// its devices) on `engine`, of `count` buffers of `bufferMs`, and starts it.
+::testing::AssertionResult StartRecording(CallbackEngine& engine, PaStreamIn& stream, const std::string& name,
+                                          uint32_t bufferMs, uint32_t count);
 
 /// Waits, bounded, until `done` holds.
 bool Eventually(const std::function<bool()>& done, std::chrono::milliseconds limit = std::chrono::seconds(5));

@@ -230,11 +230,8 @@ TEST_F(Pulse, ControlAnswerMovesWhileTheVirtualMicrophoneRecords)
     EXPECT_EQ(DriverControlQuery(handle.get(), 1), idle);
     test::CallbackEngine engine;
     ASSERT_EQ(engine.StartEngine(), kMmeSuccess);
-    int device = kNoDevice;
-    ASSERT_EQ(PaGetDevNByName("Larimo Microphone", 1, device), kMmeSuccess);
     PaStreamIn in;
-    ASSERT_EQ(in.Open(engine.ThreadId(), device, 16, 44100, 20, 4), kMmeSuccess);
-    ASSERT_EQ(in.Start(), kMmeSuccess);
+    ASSERT_TRUE(test::StartRecording(engine, in, "Larimo Microphone", 20, 4));
     ASSERT_TRUE(engine.WaitInputs(2));
     // The answer follows the server's notifications, which come a moment after the stream.
     const auto moving = [&] { return DriverControlQuery(handle.get(), 1) != DriverControlQuery(handle.get(), 1); };
@@ -314,11 +311,8 @@ TEST_F(Pulse, RecorderCountFollowsProgramsRecordingFromTheVirtualMicrophone)
 
     test::CallbackEngine engine;
     ASSERT_EQ(engine.StartEngine(), kMmeSuccess);
-    int other = kNoDevice;
-    ASSERT_EQ(PaGetDevNByName("Monitor of Speakers", 1, other), kMmeSuccess);
     PaStreamIn elsewhere;
-    ASSERT_EQ(elsewhere.Open(engine.ThreadId(), other, 16, 44100, 20, 4), kMmeSuccess);
-    ASSERT_EQ(elsewhere.Start(), kMmeSuccess);
+    ASSERT_TRUE(test::StartRecording(engine, elsewhere, "Monitor of Speakers", 20, 4));
 
     int device = kNoDevice;
     ASSERT_EQ(PaGetDevNByName("Larimo Microphone", 1, device), kMmeSuccess);

@@ -8,6 +8,7 @@
 #include "wave.h"
 
 #include "EffectTestSupport.h"
+#include "WaveTestFiles.h"
 #include "audio/AudioTestSupport.h"
 
 #include <gtest/gtest.h>
@@ -88,17 +89,7 @@ protected:
     std::string ConstantSound(std::size_t count, int16_t value)
     {
         const std::string path = (m_folder / "constant.wav").string();
-        SF_INFO info{};
-        info.samplerate = 44100;
-        info.channels = 1;
-        info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
-        SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
-        EXPECT_NE(file, nullptr) << sf_strerror(nullptr);
-        if (file != nullptr) {
-            const std::vector<int16_t> samples(count, value);
-            sf_write_short(file, samples.data(), static_cast<sf_count_t>(samples.size()));
-            sf_close(file);
-        }
+        test::WriteSound(path, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 44100, 1, std::vector<int16_t>(count, value));
         return path;
     }
 
@@ -300,11 +291,8 @@ TEST_F(PreviewOnSoundServer, AnEffectPreviewPitchesTheMicrophone)
     // What reaches the speakers, heard through their monitor.
     test::CallbackEngine listener;
     ASSERT_EQ(listener.StartEngine(), kMmeSuccess);
-    int monitor = kNoDevice;
-    ASSERT_EQ(PaGetDevNByName("Monitor of Speakers", 1, monitor), kMmeSuccess);
     PaStreamIn heard;
-    ASSERT_EQ(heard.Open(listener.ThreadId(), monitor, 16, 44100, 25, 4), kMmeSuccess);
-    ASSERT_EQ(heard.Start(), kMmeSuccess);
+    ASSERT_TRUE(test::StartRecording(listener, heard, "Monitor of Speakers", 25, 4));
 
     const auto measure = [&](bool withEffect) {
         if (withEffect) {

@@ -13,6 +13,7 @@
 #include "modb.h"
 #include "moipc_cli.h"
 #include "moipc_cmds.h"
+#include "../WaveTestFiles.h"
 
 #include <QDir>
 #include <QLabel>
@@ -44,17 +45,10 @@ std::string Settings()
 // An MP3 of a quiet tone outside the library.
 std::string WriteMp3(const fs::path& path)
 {
-    SF_INFO info{};
-    info.samplerate = 44100;
-    info.channels = 1;
-    info.format = SF_FORMAT_MPEG | SF_FORMAT_MPEG_LAYER_III;
-    SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
-    EXPECT_NE(file, nullptr) << sf_strerror(nullptr);
-    std::vector<short> tone(44100);
+    std::vector<int16_t> tone(44100);
     for (size_t i = 0; i < tone.size(); ++i)
-        tone[i] = static_cast<short>(8000 * ((i / 50) % 2 == 0 ? 1 : -1));
-    sf_write_short(file, tone.data(), static_cast<sf_count_t>(tone.size()));
-    sf_close(file);
+        tone[i] = static_cast<int16_t>(8000 * ((i / 50) % 2 == 0 ? 1 : -1));
+    test::WriteSound(path.string(), SF_FORMAT_MPEG | SF_FORMAT_MPEG_LAYER_III, 44100, 1, tone);
     return path.string();
 }
 
