@@ -8,7 +8,8 @@
 //    sound and two fun sounds play and somebody records, and while nobody records (idle).
 //    --cpu_seconds=N sets how long the busy case runs (default 10; 600 for the long run).
 //  - with --soak_seconds=N: the under-runs of the virtual microphone in N seconds of the busy
-//    case, at 25 ms and at 5 ms blocks, alone and while another process keeps a core busy.
+//    case, at 25 ms and at 5 ms blocks, alone and while another process keeps a core busy;
+//    --soak_only=TEXT runs only the soak cases whose name holds TEXT (and nothing else).
 // Every case also reports the under-runs of the virtual microphone and the blocks the service
 // dropped, as the service's log gives them when it stops.
 // Prints Google Benchmark style JSON; --benchmark_out=FILE writes it there too. Other
@@ -354,6 +355,7 @@ void PlayEverything(Service& service, double seconds)
 Result MeasureSoak(const fs::path& root, uint32_t blockMs, double seconds, bool load)
 {
     Result result{"ServiceSoak/block_ms:" + std::to_string(blockMs) + (load ? "/core_busy" : "/alone"), {}};
+    std::fprintf(stderr, "bench_service: %s for %.0f s\n", result.name.c_str(), seconds);
     Service service(root, blockMs);
     if (!service.Ok())
         return result;
@@ -433,6 +435,7 @@ int main(int argc, char** argv)
     std::string outPath;
     double cpuSeconds = 10.0;
     double soakSeconds = 0;
+    std::string soakOnly;
     for (int i = 1; i < argc; ++i) {
         const std::string argument = argv[i];
         if (argument.rfind("--benchmark_out=", 0) == 0)
@@ -441,6 +444,8 @@ int main(int argc, char** argv)
             cpuSeconds = std::max(1.0, std::atof(argument.c_str() + 14));
         else if (argument.rfind("--soak_seconds=", 0) == 0)
             soakSeconds = std::max(0.0, std::atof(argument.c_str() + 15));
+        else if (argument.rfind("--soak_only=", 0) == 0)
+            soakOnly = argument.substr(12);
     }
     char pattern[] = "/tmp/larimo-bench-service-XXXXXX";
     const char* made = mkdtemp(pattern);
@@ -454,15 +459,19 @@ int main(int argc, char** argv)
     } else {
         setenv("PULSE_SERVER", ("unix:" + (root / "sound" / "native").string()).c_str(), 1);
         setenv("LARIMO_OBJECT_NAMESPACE", ("bench" + std::to_string(getpid())).c_str(), 1);
-        for (const bool withEffect : {false, true}) {
-            results.push_back(MeasureLatency(root, 25, withEffect));
-            results.push_back(MeasureLatency(root, 5, withEffect));
+        if (soakOnly.empty()) {
+            for (const bool withEffect : {false, true}) {
+                results.push_back(MeasureLatency(root, 25, withEffect));
+                results.push_back(MeasureLatency(root, 5, withEffect));
+            }
+            for (Result& result : MeasureCpu(root, cpuSeconds))
+                results.push_back(std::move(result));
         }
-        for (Result& result : MeasureCpu(root, cpuSeconds))
-            results.push_back(std::move(result));
         for (const bool load : {false, true}) {
             for (const uint32_t blockMs : {25u, 5u}) {
-                if (soakSeconds > 0)
+                const std::string name =
+                    "ServiceSoak/block_ms:" + std::to_string(blockMs) + (load ? "/core_busy" : "/alone");
+                if (soakSeconds > 0 && name.find(soakOnly) != std::string::npos)
                     results.push_back(MeasureSoak(root, blockMs, soakSeconds, load));
             }
         }

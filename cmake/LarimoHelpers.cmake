@@ -40,7 +40,7 @@ endfunction()
 # larimo_add_test(NAME LABEL label [FIXTURES name] [ENVIRONMENT VAR=value] SOURCES ... LIBS ...): one GoogleTest program,
 # each test case registered with CTest under the given label.
 function(larimo_add_test name)
-  cmake_parse_arguments(ARG "" "LABEL;TIMEOUT;RESOURCE_LOCK;FIXTURES;ENVIRONMENT" "SOURCES;LIBS" ${ARGN})
+  cmake_parse_arguments(ARG "" "LABEL;TIMEOUT;RESOURCE_LOCK;FIXTURES" "SOURCES;LIBS;ENVIRONMENT" ${ARGN})
   if(NOT ARG_LABEL)
     set(ARG_LABEL unit)
   endif()
@@ -61,10 +61,18 @@ function(larimo_add_test name)
     # Cases that need a fixture (the private sound server) started first.
     list(APPEND extra FIXTURES_REQUIRED ${ARG_FIXTURES})
   endif()
-  if(ARG_ENVIRONMENT)
-    list(APPEND extra ENVIRONMENT "${ARG_ENVIRONMENT}")
-  endif()
   gtest_discover_tests(${name}
     DISCOVERY_MODE PRE_TEST
     PROPERTIES LABELS ${ARG_LABEL} TIMEOUT ${ARG_TIMEOUT} ${extra})
+  if(ARG_ENVIRONMENT)
+    # The properties handed to gtest_discover_tests lose every list entry after the first, so
+    # a list of variables is set by a script CTest runs after it added the discovered cases
+    # (their names are in ${name}_TESTS then).
+    set(script "${CMAKE_CURRENT_BINARY_DIR}/${name}_environment.cmake")
+    file(WRITE "${script}"
+      "if(${name}_TESTS)\n"
+      "  set_tests_properties(\${${name}_TESTS} PROPERTIES ENVIRONMENT [==[${ARG_ENVIRONMENT}]==])\n"
+      "endif()\n")
+    set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${script}")
+  endif()
 endfunction()

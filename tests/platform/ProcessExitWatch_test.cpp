@@ -81,37 +81,5 @@ TEST(ProcessExitWatch, CallsBackWhenAWatchedProcessEndsAndOnlyThen)
     EXPECT_FALSE(watch->Watch(0));
 }
 
-TEST(ProcessExitWatch, AForkedChildWatchesWithAThreadOfItsOwn)
-{
-    static std::atomic<int> calls { 0 };
-    static ProcessExitWatch* const watch = new ProcessExitWatch([] { ++calls; });
-    int holdParentsChild = -1;
-    const pid_t parentsChild = StartChild(&holdParentsChild);
-    if (!watch->Watch(parentsChild))
-        GTEST_SKIP() << "this system cannot watch processes (no pidfd_open)";
-
-    const pid_t middle = fork();
-    if (middle == 0) {
-        // The parent's watching thread did not come along: the child's own must call back.
-        if (watch->Count() != 0)
-            _exit(10);
-        int hold = -1;
-        const pid_t grandchild = StartChild(&hold);
-        if (!watch->Watch(grandchild))
-            _exit(11);
-        const int before = calls.load();
-        close(hold);
-        _exit(Eventually([before] { return calls.load() > before; }) ? 0 : 12);
-    }
-    int status = 0;
-    waitpid(middle, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-    EXPECT_EQ(watch->Count(), 1U);
-    close(holdParentsChild);
-    EXPECT_TRUE(Eventually([] { return watch->Count() == 0; }));
-    waitpid(parentsChild, nullptr, 0);
-}
-
 } // namespace
 } // namespace larimo

@@ -285,6 +285,8 @@ TEST_F(ServiceAudioTest, NoiseSuppressionAndGateSilenceTheRoomButNotTheVoice)
     EXPECT_EQ(Ctl("noise on").find("larimoctl:"), std::string::npos);
     EXPECT_EQ(Ctl("gate -40").find("larimoctl:"), std::string::npos);
     EXPECT_NE(Ctl("status").find("Noise gate: opens at -40 dBFS"), std::string::npos);
+    // On a loaded machine the suppressor may take longer than a round to learn the room anew.
+    heard(room);
     EXPECT_LE(heard(room), roomOff - 20.0);
     EXPECT_NEAR(heard(voice), voiceOff, 2.0);
 
