@@ -11,11 +11,24 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
 namespace larimo {
 namespace {
+
+// Objects of the benchmark's own, apart from a Larimo the user runs; removed when it ends.
+struct OwnNamespace {
+    OwnNamespace()
+        : name("bench" + std::to_string(getpid()))
+    {
+        setenv("LARIMO_OBJECT_NAMESPACE", name.c_str(), 1);
+    }
+    ~OwnNamespace() { RemoveNamedObjectNamespace(name); }
+    std::string name;
+};
+const OwnNamespace g_namespace;
 
 std::string BenchName(const std::string& stem)
 {
