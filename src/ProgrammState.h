@@ -6,10 +6,7 @@
 #include "ThreadEnd.h"
 #include "platform/NamedObjects.h"
 
-#include <atomic>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 

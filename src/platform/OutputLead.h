@@ -30,8 +30,8 @@ public:
     OutputLead(uint32_t requested, uint32_t align, int64_t nowNs)
         : m_requested(requested)
         , m_bytes(requested)
-        , m_grow(std::max(align, requested / 2 / std::max(align, 1u) * std::max(align, 1u)))
-        , m_shrink(std::max(align, requested / 4 / std::max(align, 1u) * std::max(align, 1u)))
+        , m_grow(Step(requested / 2, align))
+        , m_shrink(Step(requested / 4, align))
         , m_calmSinceNs(nowNs)
     {
     }
@@ -70,6 +70,13 @@ public:
     }
 
 private:
+    // `bytes` rounded down to whole frames of `align` bytes, one frame at least.
+    static uint32_t Step(uint32_t bytes, uint32_t align)
+    {
+        align = std::max(align, 1u);
+        return std::max(align, bytes / align * align);
+    }
+
     uint32_t m_requested = 0;
     uint32_t m_bytes = 0;
     uint32_t m_grow = 0;
