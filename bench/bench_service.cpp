@@ -8,10 +8,11 @@
 //    sound and two fun sounds play and somebody records, and while nobody records (idle).
 //    --cpu_seconds=N sets how long the busy case runs (default 10; 600 for the long run).
 //  - with --soak_seconds=N: the under-runs of the virtual microphone in N seconds of the busy
-//    case, at 25 ms and at 5 ms blocks, alone and while another process keeps a core busy;
-//    --soak_only=TEXT runs only the soak cases whose name holds TEXT (and nothing else).
-// Every case also reports the under-runs of the virtual microphone and the blocks the service
-// dropped, as the service's log gives them when it stops.
+//    case, at 25 ms and at 5 ms blocks, alone and while another process keeps a core busy.
+// --benchmark_filter=TEXT runs only the cases whose name holds TEXT.
+// Every case also reports the under-runs of the virtual microphone, the blocks the service
+// dropped and how far it corrected for the virtual microphone's clock, as the service's log
+// gives them when it stops.
 // Prints Google Benchmark style JSON; --benchmark_out=FILE writes it there too. Other
 // --benchmark_* arguments are accepted and ignored. Skips with a message when there is no
 // sound server to start.
@@ -255,9 +256,13 @@ public:
             return;
         double dropped = -1;
         double underruns = -1;
+        double clockPpm = 0;
         std::ifstream log(m_folder / "larimosrv.log");
         const std::string marker = "AudioPipeline: stopped after ";
+        const std::string clockMarker = "virtual microphone's clock (";
         for (std::string line; std::getline(log, line);) {
+            if (const size_t clockAt = line.find(clockMarker); clockAt != std::string::npos)
+                clockPpm = std::atof(line.c_str() + clockAt + clockMarker.size());
             const size_t at = line.find(marker);
             unsigned long long blocks = 0;
             unsigned long long drops = 0;
@@ -271,6 +276,7 @@ public:
         }
         result->counters.emplace_back("underruns", underruns);
         result->counters.emplace_back("dropped_blocks", dropped);
+        result->counters.emplace_back("clock_correction_ppm", clockPpm);
     }
     bool Ok() { return m_pid > 0 && Ctl("status") == 0; }
     pid_t Pid() const { return m_pid; }
@@ -284,11 +290,21 @@ private:
     pid_t m_pid = -1;
 };
 
+std::string LatencyName(uint32_t blockMs, bool withEffect)
+{
+    return "ServiceLatency/block_ms:" + std::to_string(blockMs) + (withEffect ? "/chipmunk" : "/dry");
+}
+
+std::string SoakName(uint32_t blockMs, bool load)
+{
+    return "ServiceSoak/block_ms:" + std::to_string(blockMs) + (load ? "/core_busy" : "/alone");
+}
+
 // The delay from the microphone to the virtual microphone, dry or through the Chipmunk pitch
 // effect of slot 1.
 Result MeasureLatency(const fs::path& root, uint32_t blockMs, bool withEffect)
 {
-    Result result{"ServiceLatency/block_ms:" + std::to_string(blockMs) + (withEffect ? "/chipmunk" : "/dry"), {}};
+    Result result{LatencyName(blockMs, withEffect), {}};
     Service service(root, blockMs);
     if (!service.Ok() || (withEffect && service.Ctl("effect 1") != 0)) {
         std::fprintf(stderr, "bench_service: the voice service did not start\n");
@@ -354,7 +370,7 @@ void PlayEverything(Service& service, double seconds)
 // without another process that keeps one core busy.
 Result MeasureSoak(const fs::path& root, uint32_t blockMs, double seconds, bool load)
 {
-    Result result{"ServiceSoak/block_ms:" + std::to_string(blockMs) + (load ? "/core_busy" : "/alone"), {}};
+    Result result{SoakName(blockMs, load), {}};
     std::fprintf(stderr, "bench_service: %s for %.0f s\n", result.name.c_str(), seconds);
     Service service(root, blockMs);
     if (!service.Ok())
@@ -435,7 +451,7 @@ int main(int argc, char** argv)
     std::string outPath;
     double cpuSeconds = 10.0;
     double soakSeconds = 0;
-    std::string soakOnly;
+    std::string filter;
     for (int i = 1; i < argc; ++i) {
         const std::string argument = argv[i];
         if (argument.rfind("--benchmark_out=", 0) == 0)
@@ -444,8 +460,8 @@ int main(int argc, char** argv)
             cpuSeconds = std::max(1.0, std::atof(argument.c_str() + 14));
         else if (argument.rfind("--soak_seconds=", 0) == 0)
             soakSeconds = std::max(0.0, std::atof(argument.c_str() + 15));
-        else if (argument.rfind("--soak_only=", 0) == 0)
-            soakOnly = argument.substr(12);
+        else if (argument.rfind("--benchmark_filter=", 0) == 0)
+            filter = argument.substr(19);
     }
     char pattern[] = "/tmp/larimo-bench-service-XXXXXX";
     const char* made = mkdtemp(pattern);
@@ -459,19 +475,20 @@ int main(int argc, char** argv)
     } else {
         setenv("PULSE_SERVER", ("unix:" + (root / "sound" / "native").string()).c_str(), 1);
         setenv("LARIMO_OBJECT_NAMESPACE", ("bench" + std::to_string(getpid())).c_str(), 1);
-        if (soakOnly.empty()) {
-            for (const bool withEffect : {false, true}) {
-                results.push_back(MeasureLatency(root, 25, withEffect));
-                results.push_back(MeasureLatency(root, 5, withEffect));
+        const auto wanted = [&filter](const std::string& name) { return name.find(filter) != std::string::npos; };
+        for (const bool withEffect : {false, true}) {
+            for (const uint32_t blockMs : {25u, 5u}) {
+                if (wanted(LatencyName(blockMs, withEffect)))
+                    results.push_back(MeasureLatency(root, blockMs, withEffect));
             }
+        }
+        if (wanted("ServiceCpu/")) {
             for (Result& result : MeasureCpu(root, cpuSeconds))
                 results.push_back(std::move(result));
         }
         for (const bool load : {false, true}) {
             for (const uint32_t blockMs : {25u, 5u}) {
-                const std::string name =
-                    "ServiceSoak/block_ms:" + std::to_string(blockMs) + (load ? "/core_busy" : "/alone");
-                if (soakSeconds > 0 && name.find(soakOnly) != std::string::npos)
+                if (soakSeconds > 0 && wanted(SoakName(blockMs, load)))
                     results.push_back(MeasureSoak(root, blockMs, soakSeconds, load));
             }
         }

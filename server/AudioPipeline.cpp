@@ -4,6 +4,7 @@
 #include "MixPlan.h"
 #include "ServiceTexts.h"
 #include "config.h"
+#include "mix.h"
 #include "mlog.h"
 #include "modb.h"
 #include "platform/AudioBackend.h"
@@ -17,6 +18,7 @@
 #include <time.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <future>
@@ -52,6 +54,10 @@ constexpr int64_t kMinStallNs = 1'000'000'000;
 // wait again.
 constexpr int64_t kFirstInputStallNs = 5'000'000'000;
 constexpr int64_t kActiveTickNs = 20'000'000;
+// A block grows or shrinks by at most one sample in this many, so that the pitch of no block
+// moves by more than that share when the output keeps pace with its device's clock.
+constexpr uint32_t kStretchDivisor = 128;
+constexpr uint32_t kDeviceGone = UINT32_MAX;
 constexpr int64_t kIdleTickNs = 100'000'000;
 constexpr int64_t kInUsePollActiveNs = 500'000'000;
 
@@ -168,6 +174,13 @@ struct Session {
     UnderrunWatch outWatch;
     UnderrunWatch monitorWatch;
     uint32_t graceBlocks = 0;
+    // The audio thread's as well: the samples it added to what it wrote to each output device
+    // (negative: left out) to keep pace with the device's clock, what it wrote to the virtual
+    // microphone, and the most one block may grow or shrink by.
+    int64_t outCorrected = 0;
+    int64_t monitorCorrected = 0;
+    uint64_t outWritten = 0;
+    uint32_t maxStretch = 1;
     // The backend's count of programs recording from the virtual microphone; null when it
     // cannot keep one and the control thread asks instead.
     std::shared_ptr<const std::atomic<int32_t>> recorders;
@@ -608,6 +621,7 @@ struct AudioPipeline::Control {
         session->devices = devices;
         session->blockSamples = devices.blockMs * kSampleRate / 1000;
         session->graceBlocks = std::max<uint32_t>(2, (kResumeGraceMs + devices.blockMs - 1) / devices.blockMs);
+        session->maxStretch = std::max<uint32_t>(1, session->blockSamples / kStretchDivisor);
         session->queue = ThreadMessageQueue::Create();
         const uint32_t bytes = session->blockSamples * 2;
         StreamFormat format;
@@ -644,8 +658,9 @@ struct AudioPipeline::Control {
         }
 
         session->inPool.Allocate(devices.inCount, session->blockSamples);
-        session->outPool.Allocate(devices.outCount, session->blockSamples);
-        session->monPool.Allocate(session->monitor ? devices.monCount : 0, session->blockSamples);
+        const uint32_t outSamples = session->blockSamples + session->maxStretch;
+        session->outPool.Allocate(devices.outCount, outSamples);
+        session->monPool.Allocate(session->monitor ? devices.monCount : 0, outSamples);
         session->work.assign(session->blockSamples, 0);
         session->cleaner = std::make_unique<VoiceCleaner>(session->blockSamples, kSampleRate);
         LogInfo("AudioPipeline: the microphone is cleaned in frames of %u samples (%.1f ms of delay)",
@@ -694,13 +709,12 @@ struct AudioPipeline::Control {
         return true;
     }
 
-    // The audio thread runs the voice through the effects: it must win against a busy desktop.
-    // (The backend's own loop thread stays at normal priority: raised as well, it was seen to
-    // burn up to a second of CPU time at a stretch while the pipeline idled.)
+    // The audio thread runs the voice through the effects, and the backend's stream thread
+    // hands every block to it and on to the sound server: both must win against a busy
+    // desktop, or a block comes late and the virtual microphone runs dry.
     static void RaisePriority(pid_t audioThread)
     {
-        const RealtimeResult raised =
-            MakeThreadRealtime(audioThread, AudioThreadRealtimePriority());
+        const RealtimeResult raised = MakeThreadRealtime(audioThread, AudioThreadRealtimePriority());
         if (!raised.ok) {
             LogWarning("AudioPipeline: no real-time priority for the audio thread: %s; the voice may break up on a "
                        "busy machine",
@@ -709,6 +723,15 @@ struct AudioPipeline::Control {
         }
         LogInfo("AudioPipeline: the audio thread runs at real-time priority %d%s", raised.priority,
                 raised.throughRtkit ? ", granted by RealtimeKit" : "");
+        const unsigned streamThread = CurrentAudioBackend()->StreamThreadId();
+        if (streamThread == 0)
+            return;
+        const RealtimeResult stream = MakeThreadRealtime(static_cast<pid_t>(streamThread), raised.priority);
+        if (stream.ok)
+            LogInfo("AudioPipeline: the sound server's stream thread runs at real-time priority %d", stream.priority);
+        else
+            LogWarning("AudioPipeline: no real-time priority for the sound server's stream thread: %s",
+                       stream.error.c_str());
     }
 
     static void ShutDevices(Session& session)
@@ -737,6 +760,7 @@ struct AudioPipeline::Control {
             m_session->queue->Post(kMsgQuit, nullptr);
             m_session->audio.join();
         }
+        LogClockMatch(*m_session);
         ShutDevices(*m_session);
         m_session.reset();
         LogUnderruns(true);
@@ -745,6 +769,19 @@ struct AudioPipeline::Control {
         m_loggedIdle = false;
         m_hintedIdle = false;
         AdoptWithoutAudio();
+    }
+
+    // How far the virtual microphone's clock was from the recording's: on a machine where they
+    // differ, the samples added or left out show it.
+    static void LogClockMatch(const Session& session)
+    {
+        if (session.outWritten == 0 || session.outCorrected == 0)
+            return;
+        LogInfo("AudioPipeline: %lld samples %s in %llu to keep pace with the virtual microphone's clock (%+.0f ppm)",
+                static_cast<long long>(std::llabs(session.outCorrected)),
+                session.outCorrected > 0 ? "added" : "left out",
+                static_cast<unsigned long long>(session.outWritten),
+                1e6 * static_cast<double>(session.outCorrected) / static_cast<double>(session.outWritten));
     }
 
     void ManageIdle()
@@ -863,10 +900,15 @@ struct AudioPipeline::Control {
             ProcessEffectRT(*plan, samples, count);
             MixSoundsRT(*plan, samples, count, true, *m_ended);
         }
-        if (!WriteRT(*session.out, session.outPool, samples, count, nullptr))
+        const uint32_t written = WriteRT(*session.out, session.outPool, session.outCorrected, session.maxStretch,
+                                         samples, count, nullptr);
+        if (written == kDeviceGone)
             session.lost.store(true, std::memory_order_release);
+        else
+            session.outWritten += written;
         if (listening)
-            WriteRT(*session.monitor, session.monPool, samples, count, plan);
+            WriteRT(*session.monitor, session.monPool, session.monitorCorrected, session.maxStretch, samples, count,
+                    plan);
 
         if (TraceBlock* block = m_trace->BeginPush()) {
             block->count = count;
@@ -908,22 +950,32 @@ struct AudioPipeline::Control {
         watch.seen = seen;
     }
 
-    // Queues one block; `scale` gives the listen-in volume. False when the device is gone.
-    // RT call.
-    bool WriteRT(WaveOutDevice& device, BufferPool& pool, const int16_t* samples, uint32_t count,
-                 const MixPlan* scale) noexcept
+    // Queues one block, a sample or a few longer or shorter where the device's clock asks
+    // for it (`corrected` keeps count); `scale` gives the listen-in volume. Returns the samples
+    // queued, or kDeviceGone. RT call.
+    uint32_t WriteRT(WaveOutDevice& device, BufferPool& pool, int64_t& corrected, uint32_t maxStretch,
+                     const int16_t* samples, uint32_t count, const MixPlan* scale) noexcept
     {
         WaveHeader* header = pool.TakeRT(kMaxOutputQueued);
         if (header == nullptr) {
             if (scale == nullptr)
                 m_outputDropped.fetch_add(1, std::memory_order_relaxed);
-            return true;
+            return 0;
         }
-        std::memcpy(header->data, samples, size_t{count} * 2);
-        header->bufferLength = count * 2;
+        auto* out = reinterpret_cast<int16_t*>(header->data);
+        const int64_t owed = device.ClockCorrectionFrames() - corrected;
+        const auto stretch = static_cast<int32_t>(
+            std::clamp<int64_t>(owed, -static_cast<int64_t>(std::min(maxStretch, count - 1)), maxStretch));
+        const uint32_t length = count + stretch;
+        if (stretch == 0)
+            std::memcpy(out, samples, size_t{count} * 2);
+        else
+            StretchSamples(samples, count, out, length);
+        corrected += stretch;
+        header->bufferLength = length * 2;
         if (scale != nullptr)
-            ScaleMonitorRT(reinterpret_cast<int16_t*>(header->data), count, scale->monitorVolume);
-        return device.Write(*header) != kMmNoDriver;
+            ScaleMonitorRT(out, length, scale->monitorVolume);
+        return device.Write(*header) == kMmNoDriver ? kDeviceGone : length;
     }
 
     Options m_options;

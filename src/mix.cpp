@@ -2,6 +2,7 @@
 #include "mix.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace larimo {
 
@@ -95,6 +96,34 @@ void ScaleVolume(std::int16_t* samples, std::size_t count, std::uint8_t percent)
         // 16 bits wraps on purpose.
         const int product = static_cast<int>(static_cast<float>(samples[i]) * factor);
         samples[i] = static_cast<std::int16_t>(static_cast<std::uint16_t>(product));
+    }
+}
+
+void StretchSamples(const std::int16_t* in, std::size_t count, std::int16_t* out, std::size_t outCount)
+{
+    if (count == 0 || outCount == 0)
+        return;
+    if (count == 1 || outCount == 1) {
+        for (std::size_t i = 0; i < outCount; ++i)
+            out[i] = in[i * (count - 1) / std::max<std::size_t>(outCount - 1, 1)];
+        return;
+    }
+    // Output sample i sits at i * (count - 1) / (outCount - 1) in the input, kept as a whole
+    // part and a remainder so that no rounding builds up along a long buffer.
+    const std::size_t span = outCount - 1;
+    std::size_t whole = 0;
+    std::size_t remainder = 0;
+    for (std::size_t i = 0; i < outCount; ++i) {
+        if (remainder == 0) {
+            out[i] = in[whole];
+        } else {
+            const double part = static_cast<double>(remainder) / static_cast<double>(span);
+            const double value = in[whole] + (in[whole + 1] - in[whole]) * part;
+            out[i] = static_cast<std::int16_t>(std::lround(value));
+        }
+        remainder += count - 1;
+        whole += remainder / span;
+        remainder %= span;
     }
 }
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Playing loaded sounds into 16-bit mono buffers: a sound with a play position, loop flag and
-// volume, and the volume scaling of a whole buffer.
+// volume, the volume scaling of a whole buffer, and the stretching of a buffer by a few samples.
 #pragma once
 
 #include "wave.h"
@@ -66,5 +66,12 @@ private:
 /// clipping (above 100 % loud samples wrap). 100 % leaves the buffer untouched.
 /// RT call: no allocation, no locks.
 void ScaleVolume(std::int16_t* samples, std::size_t count, std::uint8_t percent);
+
+/// Writes the `count` samples of `in` to `out` as `outCount` samples by linear interpolation:
+/// the first and the last sample stay, so consecutive buffers still join smoothly. A sample
+/// more or less in a few hundred changes the pitch by a fraction of a percent for that buffer
+/// alone, where a sample repeated or dropped would click. Either count may be 1.
+/// RT call: no allocation, no locks.
+void StretchSamples(const std::int16_t* in, std::size_t count, std::int16_t* out, std::size_t outCount);
 
 } // namespace larimo

@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <limits>
 #include <vector>
 
@@ -150,6 +152,51 @@ TEST(ScaleVolume, MultipliesByPercentTruncatingAndWrapping)
 
     ScaleVolume(loud.data(), loud.size(), 0);
     EXPECT_EQ(loud, (std::vector<std::int16_t>{0, 0, 0}));
+}
+
+TEST(StretchSamples, ABlockOneSampleLongerOrShorterKeepsItsEndsAndItsShape)
+{
+    // A 1 kHz tone of 220 samples, the block the voice service writes at 5 ms.
+    std::vector<int16_t> tone(220);
+    for (std::size_t i = 0; i < tone.size(); ++i)
+        tone[i] = static_cast<int16_t>(std::lround(20000 * std::sin(2 * M_PI * 1000.0 * i / 44100.0)));
+    int largestStep = 0;
+    for (std::size_t i = 1; i < tone.size(); ++i)
+        largestStep = std::max(largestStep, std::abs(tone[i] - tone[i - 1]));
+
+    for (const std::size_t length : {219u, 221u, 222u}) {
+        SCOPED_TRACE(length);
+        std::vector<int16_t> out(length + 1, 12345);
+        StretchSamples(tone.data(), tone.size(), out.data(), length);
+        EXPECT_EQ(out.front(), tone.front());
+        EXPECT_EQ(out[length - 1], tone.back()) << "the next block must join the last sample";
+        EXPECT_EQ(out[length], 12345) << "written past the end";
+        // No step larger than the tone's own, give or take the change of pitch: a repeated
+        // or dropped sample would leave a step of up to twice that, or a flat spot.
+        int step = 0;
+        for (std::size_t i = 1; i < length; ++i)
+            step = std::max(step, std::abs(out[i] - out[i - 1]));
+        EXPECT_LE(step, largestStep * 102 / 100);
+        EXPECT_GE(step, largestStep * 98 / 100);
+        // Every output sample lies on the straight line between its two input neighbours.
+        for (std::size_t i = 0; i < length; ++i) {
+            const double at = static_cast<double>(i) * 219.0 / static_cast<double>(length - 1);
+            const auto below = static_cast<std::size_t>(at);
+            const std::size_t above = std::min<std::size_t>(below + 1, 219);
+            EXPECT_GE(out[i], std::min(tone[below], tone[above]) - 1);
+            EXPECT_LE(out[i], std::max(tone[below], tone[above]) + 1);
+        }
+    }
+
+    // Degenerate lengths: a single sample spreads, a block shrinks to its first sample.
+    const int16_t one = 777;
+    int16_t spread[3] = {};
+    StretchSamples(&one, 1, spread, 3);
+    EXPECT_EQ(spread[0], 777);
+    EXPECT_EQ(spread[2], 777);
+    int16_t first = 0;
+    StretchSamples(tone.data(), tone.size(), &first, 1);
+    EXPECT_EQ(first, tone[0]);
 }
 
 } // namespace

@@ -71,7 +71,8 @@ struct WaveBufferShape {
     /// Playback only: silence the device keeps ahead of the first buffer, and puts back after
     /// every under-run, so a writer that hands over one buffer per period, a little late now
     /// and then, never leaves it without data. Where the backend can tell, what waits ahead of a
-    /// new buffer is also held near the lead: a surplus is skipped, not played late. 0: none;
+    /// new buffer is also held near the lead: a surplus is skipped, not played late, and the
+    /// writer learns from ClockCorrectionFrames how to keep pace with the device. 0: none;
     /// the device starts with one buffer and plays everything.
     uint32_t leadBytes = 0;
 };
@@ -122,6 +123,11 @@ public:
     /// Times the device ran out of data while playing, since it was opened; 0 where the
     /// backend cannot tell. Wait-free, any thread. RT call.
     virtual uint64_t Underruns() const { return 0; }
+    /// Frames the writer should have added to what it wrote since the device was opened, so
+    /// that it keeps pace with the device's clock; negative when it should have left frames
+    /// out. A running total; 0 where the device plays by the writer's clock. Wait-free, any
+    /// thread. RT call.
+    virtual int64_t ClockCorrectionFrames() const { return 0; }
 };
 
 enum class MixerComponent { DstSpeakers, DstWaveIn, SrcMicrophone, SrcLine, SrcOther };
@@ -225,6 +231,9 @@ public:
     /// when the backend cannot watch (VirtualMicrophoneInUse answers then). Reading the count
     /// is wait-free and allowed on the audio thread; it lives as long as the pointer.
     virtual std::shared_ptr<const std::atomic<int32_t>> WatchVirtualMicrophone() { return nullptr; }
+    /// The thread (CurrentThreadId of ProcessInfo.h) that hands the streams' data to and from
+    /// the sound system, for whoever needs it at real-time priority; 0 where there is none.
+    virtual unsigned StreamThreadId() { return 0; }
 };
 
 /// What WatchVirtualMicrophone's count holds while the backend cannot tell.

@@ -477,6 +477,45 @@ TEST_F(PipelineTest, CountsUnderrunsOnlyWhileTheVirtualMicrophoneIsFed)
     EXPECT_TRUE(Eventually([this] { return m_pipeline->GetStats().underruns == 3; }));
 }
 
+// A device that plays by a clock of its own asks for more (or fewer) samples than the voice
+// brings; the blocks grow (or shrink) by a few samples each, smoothly, until it has them.
+TEST_F(PipelineTest, BlocksGrowOrShrinkAsTheVirtualMicrophonesClockAsks)
+{
+    // A tone that is never zero: where it begins and ends in what is played shows its length.
+    std::vector<int16_t> tone(kBlock * 20);
+    for (size_t i = 0; i < tone.size(); ++i)
+        tone[i] = static_cast<int16_t>(std::lround(12000 + 8000 * std::sin(2 * M_PI * 500.0 * i / 44100)));
+    int toneStep = 0;
+    for (size_t i = 1; i < tone.size(); ++i)
+        toneStep = std::max(toneStep, std::abs(tone[i] - tone[i - 1]));
+
+    // Far more than the tone can give: every block of it changes by the most allowed, 3 of 441.
+    for (const int64_t asked : {int64_t{1} << 40, -(int64_t{1} << 40)}) {
+        SCOPED_TRACE(asked > 0 ? "faster clock" : "slower clock");
+        StartPipeline();
+        m_audio->SetClockCorrection(kVirtualOut, asked);
+        Played(kBlock * 5);
+        m_audio->InjectInput(kMic, ToBytes(tone));
+        const std::vector<int16_t> played = Played(kBlock * 40);
+        const auto first = std::find_if(played.begin(), played.end(), [](int16_t s) { return s != 0; });
+        const auto last = std::find_if(played.rbegin(), played.rend(), [](int16_t s) { return s != 0; });
+        ASSERT_NE(first, played.end());
+        const auto length = static_cast<double>(last.base() - first);
+        const double expected = static_cast<double>(tone.size()) * (asked > 0 ? 444.0 : 438.0) / 441.0;
+        EXPECT_NEAR(length, expected, 4.0);
+        // Inside the tone (the blocks where it begins and ends are stretched with the silence
+        // around it), no step is larger than the tone's own and nothing is missing.
+        int step = 0;
+        for (auto at = first + 2; at < last.base() - 1; ++at)
+            step = std::max(step, std::abs(*at - *(at - 1)));
+        EXPECT_LE(step, toneStep + toneStep / 50) << "a block was not stretched smoothly";
+        EXPECT_TRUE(std::all_of(first + 1, last.base() - 1, [](int16_t s) { return s >= 3990; }))
+            << "a gap in the tone";
+        m_pipeline.reset();
+    }
+    EXPECT_TRUE(Errors().empty());
+}
+
 // The listen-in device's under-runs count apart, and only while the user listens: switched
 // off, it runs dry on purpose.
 TEST_F(PipelineTest, CountsListenInUnderrunsOnlyWhileListening)

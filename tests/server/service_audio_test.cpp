@@ -324,10 +324,11 @@ TEST_F(ServiceAudioTest, AfterAStallWithShortBlocksTheVoiceFlowsOnAndTheUnderRun
     EXPECT_GE(std::stoull(stopLine[1].str()), 1u) << log;
 }
 
-// Scheduling policy of every thread of a process (field 41 of /proc/<pid>/task/<tid>/stat).
-std::vector<int> ThreadPolicies(pid_t pid)
+// The names of a process's threads under SCHED_FIFO (the policy is field 41 of
+// /proc/<pid>/task/<tid>/stat, the name field 2).
+std::vector<std::string> RealtimeThreads(pid_t pid)
 {
-    std::vector<int> policies;
+    std::vector<std::string> names;
     for (const auto& task : fs::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
         std::ifstream stat(task.path() / "stat");
         std::string line;
@@ -335,19 +336,21 @@ std::vector<int> ThreadPolicies(pid_t pid)
         const size_t nameEnd = line.rfind(')');
         if (nameEnd == std::string::npos)
             continue;
+        const size_t nameBegin = line.find('(');
         std::istringstream fields(line.substr(nameEnd + 2));
         std::string field;
         for (int number = 3; number <= 41 && fields >> field; ++number) {
-            if (number == 41)
-                policies.push_back(std::stoi(field));
+            if (number == 41 && std::stoi(field) == SCHED_FIFO)
+                names.push_back(line.substr(nameBegin + 1, nameEnd - nameBegin - 1));
         }
     }
-    return policies;
+    return names;
 }
 
-// The audio thread, and only it, runs at real-time priority: whatever else the service does
-// (commands, loading sounds, the sound server's loop) must never hold a core against the desktop.
-TEST_F(ServiceAudioTest, AudioThreadAloneRunsAtRealTimePriority)
+// The audio thread and the thread that hands its blocks to and from the sound server run at
+// real-time priority, and only they: whatever else the service does (commands, loading
+// sounds, the control thread) must never hold a core against the desktop.
+TEST_F(ServiceAudioTest, AudioAndStreamThreadsAloneRunAtRealTimePriority)
 {
     Start();
     ASSERT_TRUE(test::WaitFor(5000, [&] {
@@ -364,8 +367,14 @@ TEST_F(ServiceAudioTest, AudioThreadAloneRunsAtRealTimePriority)
             << log;
         return;
     }
-    const std::vector<int> policies = ThreadPolicies(m_service.Pid());
-    EXPECT_EQ(std::count(policies.begin(), policies.end(), SCHED_FIFO), 1) << log;
+    ASSERT_TRUE(test::WaitFor(5000, [&] {
+        return Shell("cat " + (m_service.Folder() / "larimosrv.log").string()).find("stream thread runs") !=
+               std::string::npos;
+    }));
+    const std::vector<std::string> names = RealtimeThreads(m_service.Pid());
+    ASSERT_EQ(names.size(), 2u) << log;
+    // libpulse names its event loop thread.
+    EXPECT_EQ(std::count(names.begin(), names.end(), "threaded-ml"), 1) << log;
     EXPECT_EQ(log.find("no real-time priority"), std::string::npos) << log;
 }
 

@@ -476,6 +476,8 @@ public:
         return m_context->WatchRecorders(kVirtualMicSourceName);
     }
 
+    unsigned StreamThreadId() override { return m_context->LoopThreadId(); }
+
 private:
     bool WaveDevices(WaveDirection direction, std::vector<PulseDevice>& devices)
     {

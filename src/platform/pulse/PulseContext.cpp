@@ -2,6 +2,7 @@
 #include "platform/pulse/PulseContext.h"
 
 #include "platform/AudioBackend.h"
+#include "platform/ProcessInfo.h"
 
 #include <pulse/error.h>
 #include <pulse/subscribe.h>
@@ -117,6 +118,33 @@ PulseContext::PulseContext()
         m_lastError = "the sound server's event loop could not be started";
         pa_threaded_mainloop_free(m_loop.release());
     }
+}
+
+unsigned PulseContext::LoopThreadId()
+{
+    if (!m_loop)
+        return 0;
+    struct Asked {
+        pa_threaded_mainloop* loop;
+        unsigned id = 0;
+    } asked{m_loop.get()};
+    PulseLock lock(m_loop.get());
+    // A deferred event runs once on the loop thread, with the lock held.
+    pa_mainloop_api* api = pa_threaded_mainloop_get_api(m_loop.get());
+    pa_defer_event* event = api->defer_new(
+        api,
+        [](pa_mainloop_api* loopApi, pa_defer_event* self, void* userdata) {
+            auto* question = static_cast<Asked*>(userdata);
+            question->id = CurrentThreadId();
+            loopApi->defer_free(self);
+            pa_threaded_mainloop_signal(question->loop, 0);
+        },
+        &asked);
+    if (event == nullptr)
+        return 0;
+    while (asked.id == 0)
+        pa_threaded_mainloop_wait(m_loop.get());
+    return asked.id;
 }
 
 PulseContext::~PulseContext()

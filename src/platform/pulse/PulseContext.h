@@ -83,6 +83,9 @@ public:
     std::string LastError();
 
     pa_threaded_mainloop* Loop() const { return m_loop.get(); }
+    /// The loop thread's id (CurrentThreadId of ProcessInfo.h); 0 without a loop. Not on the
+    /// loop thread.
+    unsigned LoopThreadId();
     /// The context; use it only with the lock held and after Ensure succeeded.
     pa_context* Context() const { return m_context.get(); }
     /// Waits (lock held, not on the loop thread) until `done` is true or the context fails.

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "platform/pulse/PulseWave.h"
 
+#include "platform/ClockMatch.h"
 #include "platform/OutputLead.h"
 
 #include <pulse/sample.h>
@@ -20,8 +21,9 @@ namespace larimo {
 
 namespace {
 
-// How far what waits ahead of the sink may exceed the lead before the surplus is skipped:
-// enough that the ordinary jitter of arriving buffers never costs a skip.
+// How far the least that waited ahead of the sink over a second may exceed the lead before the
+// surplus is skipped; a single figure may exceed it twice over. Enough that the ordinary swing
+// of arriving buffers never costs a skip.
 constexpr uint32_t kTrimSlackMs = 6;
 
 bool ToSampleSpec(const StreamFormat& format, pa_sample_spec& sampleSpec)
@@ -371,6 +373,7 @@ public:
         // The lead adapts to the machine (OutputLead): a busy machine settles at the smallest
         // lead that plays without gaps, a quiet one stays at the requested one.
         m_leadPolicy = OutputLead(lead, align, NowNs());
+        m_clock = ClockMatch(format.samplesPerSec);
         m_lead.assign(m_leadPolicy.MaxBytes(), format.bitsPerSample == 8 ? char(0x80) : char(0));
         m_leadBytes = lead;
         m_align = align;
@@ -384,7 +387,7 @@ public:
                 static_cast<PulseWaveOut*>(self)->PumpLocked();
             }, this))
             return kMmNoMem;
-        // With a lead, the server's clock tells how much waits ahead of the sink (TrimLocked).
+        // With a lead, the server's clock tells how much waits ahead of the sink (BalanceLocked).
         const auto flags = static_cast<pa_stream_flags_t>(
             PA_STREAM_ADJUST_LATENCY |
             (lead == 0 ? PA_STREAM_NOFLAGS : PA_STREAM_AUTO_TIMING_UPDATE | PA_STREAM_INTERPOLATE_TIMING));
@@ -426,6 +429,7 @@ public:
     }
 
     uint64_t Underruns() const override { return m_underruns.load(std::memory_order_relaxed); }
+    int64_t ClockCorrectionFrames() const override { return m_correction.load(std::memory_order_relaxed); }
 
     unsigned Close() override
     {
@@ -445,7 +449,7 @@ private:
         if (!Alive())
             return;
         if (shortest != UINT32_MAX && !m_lead.empty())
-            TrimLocked(before);
+            BalanceLocked(before);
         const size_t writable = pa_stream_writable_size(m_stream);
         if (writable != static_cast<size_t>(-1))
             FeedLocked(writable);
@@ -454,26 +458,42 @@ private:
             PulseOperation(pa_stream_trigger(m_stream, nullptr, nullptr));
     }
 
-    // Keeps what is queued ahead of newly handed buffers near the lead. Whatever was queued
-    // beyond it (a burst after a stall, a microphone clock running fast, a lead put back after
-    // an under-run while the rest was still on its way) would delay the voice for good, so the
-    // oldest data not yet written is skipped down to the lead.
-    void TrimLocked(uint64_t clientAhead)
+    // Keeps what is queued ahead of newly handed buffers at the lead. The writer keeps pace
+    // with the sink's clock by the correction it is told (ClockMatch). Whatever waits beyond
+    // the lead (a burst after a stall, a lead put back after an under-run while the rest was
+    // still on its way) would delay the voice for good, so the oldest data not yet written is
+    // skipped: a burst at once down to the lead and its slack, what stayed beyond the lead for
+    // a whole second down to the lead. Single figures swing by about a recording fragment, so
+    // nothing less than that is ever cut on one of them.
+    void BalanceLocked(uint64_t clientAhead)
     {
+        // While the stream waits for its start threshold (or is stopped) nothing is played, and
+        // what waits ahead says nothing about the clocks.
+        const pa_timing_info* timing = pa_stream_get_timing_info(m_stream);
         pa_usec_t latency = 0;
         int negative = 0;
-        if (pa_stream_get_latency(m_stream, &latency, &negative) != 0 || negative != 0)
+        if (timing == nullptr || timing->playing == 0 || pa_stream_get_latency(m_stream, &latency, &negative) != 0 ||
+            negative != 0)
             return;
         const uint64_t ahead = latency * m_bytesPerSecond / 1'000'000 + clientAhead;
         RelaxLeadLocked();
-        if (ahead <= m_leadBytes + m_slack)
-            return;
-        uint64_t excess = (ahead - m_leadBytes) / m_align * m_align;
+        m_clock.Observe(NowNs(), static_cast<int64_t>(ahead / m_align), m_leadBytes / m_align);
+        m_correction.store(m_clock.TotalFrames(), std::memory_order_relaxed);
+        uint64_t excess = 0;
+        int64_t least = 0;
+        if (ahead > m_leadBytes + 2 * m_slack)
+            excess = ahead - m_leadBytes - m_slack;
+        else if (m_clock.LeastAhead(least) && least > 0 &&
+                 static_cast<uint64_t>(least) * m_align > m_leadBytes + m_slack)
+            excess = static_cast<uint64_t>(least) * m_align - m_leadBytes;
+        excess = excess / m_align * m_align;
+        uint64_t skipped = 0;
         while (excess > 0 && !m_queue.empty()) {
             WaveHeader* header = m_queue.front();
             const auto take = static_cast<uint32_t>(std::min<uint64_t>(header->bufferLength - m_fill, excess));
             m_fill += take;
             excess -= take;
+            skipped += take;
             if (m_fill >= header->bufferLength) {
                 m_queue.pop_front();
                 m_fill = 0;
@@ -481,6 +501,8 @@ private:
                 m_target->Post(kMsgWaveOutDone, header);
             }
         }
+        if (skipped > 0)
+            m_clock.Skipped();
     }
 
     // The server holds the buffers written ahead plus the lead and its slack; anything beyond
@@ -555,6 +577,8 @@ private:
     uint32_t m_written = 0;    // the buffers the server may hold ahead, besides the lead
     std::vector<char> m_lead;  // silence for the longest lead
     OutputLead m_leadPolicy;
+    ClockMatch m_clock;
+    std::atomic<int64_t> m_correction{0};
     uint32_t m_leadBytes = 0;  // the lead now
     uint32_t m_slack = 0;
     uint32_t m_align = 1;

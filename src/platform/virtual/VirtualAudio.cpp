@@ -37,6 +37,7 @@ struct VirtualAudio::Stream {
     uint64_t doneSamples = 0;
     uint32_t fill = 0;
     std::atomic<uint64_t> underruns{0};
+    std::atomic<int64_t> clockCorrection{0};
     bool idleHint = false;
 };
 
@@ -155,6 +156,10 @@ public:
     }
 
     uint64_t Underruns() const override { return m_stream->underruns.load(std::memory_order_relaxed); }
+    int64_t ClockCorrectionFrames() const override
+    {
+        return m_stream->clockCorrection.load(std::memory_order_relaxed);
+    }
 
 private:
     std::shared_ptr<VirtualAudio> m_owner;
@@ -489,6 +494,15 @@ void VirtualAudio::SimulateUnderrun(int output)
     for (Stream* stream : m_streams) {
         if (stream->direction == WaveDirection::Render && stream->device == output)
             stream->underruns.fetch_add(1, std::memory_order_relaxed);
+    }
+}
+
+void VirtualAudio::SetClockCorrection(int output, int64_t frames)
+{
+    std::lock_guard lock(m_mutex);
+    for (Stream* stream : m_streams) {
+        if (stream->direction == WaveDirection::Render && stream->device == output)
+            stream->clockCorrection.store(frames, std::memory_order_relaxed);
     }
 }
 

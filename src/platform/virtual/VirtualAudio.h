@@ -58,6 +58,10 @@ public:
     /// The open streams of output device `output` report one under-run more, as a sound server
     /// reports a stream it had to play without data. Simulated time itself never runs them dry.
     void SimulateUnderrun(int output);
+    /// The open streams of output device `output` ask their writer for `frames` frames more
+    /// than it wrote so far (fewer when negative), as a device playing by a clock of its own
+    /// does. Simulated time itself plays every stream at the same rate.
+    void SetClockCorrection(int output, int64_t frames);
     /// A device that is gone refuses to open and to play (kMmNoDriver).
     void SetDeviceGone(WaveDirection direction, int device, bool gone);
     void SetMixerTopology(int input, VirtualMixerTopology topology);
