@@ -40,11 +40,11 @@ constexpr uint32_t kMaxBlockSamples = kMaxBlockMs * kSampleRate / 1000;
 // (WaveBufferShape::leadBytes); one that returns them only once played (the simulated devices)
 // holds the one playing and the next. Beyond that a burst after a stall is dropped.
 constexpr uint32_t kMaxOutputQueued = 4;
-// Silence the output devices keep ahead of the newest block against a late block: about a
-// block, within these bounds. Whoever picks short blocks wants the voice early and gets a
-// short lead; the devices lengthen it by themselves where it proves too short.
-constexpr uint32_t kMinOutputLeadMs = 6;
-constexpr uint32_t kMaxOutputLeadMs = 12;
+// Silence the output devices keep ahead of the newest block against a late block, whatever
+// the block's length: how late a block comes depends on the machine and on the recording's
+// fragments (5 to 6 ms), not on the block. The devices keep pace with their clocks, so the lead
+// only has to cover that; they lengthen it by themselves where it proves too short.
+constexpr uint32_t kOutputLeadMs = 6;
 // Under-runs this soon after resuming belong to the pause, not to the voice.
 constexpr uint32_t kResumeGraceMs = 50;
 constexpr int64_t kUnderrunLogEveryNs = 10'000'000'000;
@@ -61,10 +61,6 @@ constexpr uint32_t kDeviceGone = UINT32_MAX;
 constexpr int64_t kIdleTickNs = 100'000'000;
 constexpr int64_t kInUsePollActiveNs = 500'000'000;
 
-uint32_t OutputLeadMs(uint32_t blockMs)
-{
-    return std::clamp(blockMs, kMinOutputLeadMs, kMaxOutputLeadMs);
-}
 
 // What the audio thread knows of one output device's under-runs: the device's count last seen
 // and the blocks fed to it since it last went unfed, up to the grace.
@@ -619,18 +615,12 @@ struct AudioPipeline::Control {
 
         auto session = std::make_unique<Session>();
         session->devices = devices;
-        session->blockSamples = devices.blockMs * kSampleRate / 1000;
+        session->blockSamples = VoiceCleaner::BlockFor(devices.blockMs, kSampleRate);
         session->graceBlocks = std::max<uint32_t>(2, (kResumeGraceMs + devices.blockMs - 1) / devices.blockMs);
         session->maxStretch = std::max<uint32_t>(1, session->blockSamples / kStretchDivisor);
         session->queue = ThreadMessageQueue::Create();
         const uint32_t bytes = session->blockSamples * 2;
-        StreamFormat format;
-        format.formatTag = kStreamFormatPcm;
-        format.channels = 1;
-        format.samplesPerSec = kSampleRate;
-        format.avgBytesPerSec = kSampleRate * 2;
-        format.blockAlign = 2;
-        format.bitsPerSample = 16;
+        const StreamFormat format = MonoPcmFormat(kSampleRate, 16);
 
         unsigned result = backend->OpenWaveIn(input, format, {bytes, devices.inCount}, session->queue->Id(), session->in);
         if (result != kMmOk) {
@@ -640,7 +630,7 @@ struct AudioPipeline::Control {
         }
         // The device holds the newest block and a little lead, whatever the buffer counts allow:
         // they bound the queue, and filling it would only delay the voice.
-        const WaveBufferShape outShape{bytes, 1, OutputLeadMs(devices.blockMs) * kSampleRate / 1000 * 2};
+        const WaveBufferShape outShape{bytes, 1, kOutputLeadMs * kSampleRate / 1000 * 2};
         result = backend->OpenWaveOut(output, format, outShape, session->queue->Id(), session->out);
         if (result != kMmOk) {
             OpenFailure("the virtual microphone cannot be opened for playing (error " + std::to_string(result) + ")");

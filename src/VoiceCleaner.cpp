@@ -22,13 +22,17 @@ uint32_t VoiceCleaner::FrameFor(uint32_t blockSamples, uint32_t sampleRate)
 {
     const uint32_t longest = sampleRate / 80;  // 12.5 ms
     const uint32_t shortest = sampleRate / 200; // 5 ms
-    if (blockSamples <= longest)
-        return std::max<uint32_t>(blockSamples, 1);
-    for (uint32_t frame = longest; frame >= shortest; --frame) {
+    for (uint32_t frame = shortest; frame <= std::min(longest, blockSamples); ++frame) {
         if (blockSamples % frame == 0)
             return frame;
     }
-    return blockSamples;
+    return std::max<uint32_t>(blockSamples, 1);
+}
+
+uint32_t VoiceCleaner::BlockFor(uint32_t blockMs, uint32_t sampleRate)
+{
+    const uint32_t exact = static_cast<uint32_t>(uint64_t{blockMs} * sampleRate / 1000);
+    return std::max<uint32_t>(kBlockGrain, exact / kBlockGrain * kBlockGrain);
 }
 
 VoiceCleanup VoiceCleaner::Clamped(VoiceCleanup settings)

@@ -50,10 +50,17 @@ public:
 
     /// How many samples the suppressor delays the voice: one of its frames, at most one block.
     uint32_t LatencySamples() const { return m_frame; }
-    /// The suppressor's frame for blocks of `blockSamples`: the largest whole part of the
-    /// block between about 5 and 12.5 ms, so the delay stays short at long blocks; the block
-    /// itself when it has no such part. Any thread.
+    /// The suppressor's frame for blocks of `blockSamples`: the smallest whole part of the
+    /// block between about 5 and 12.5 ms, so the delay stays short (a shorter frame no longer
+    /// tells a voice from a steady noise well); the block itself when it has no such part.
+    /// Any thread.
     static uint32_t FrameFor(uint32_t blockSamples, uint32_t sampleRate);
+    /// The samples of a block of `blockMs`, rounded down to a multiple of kBlockGrain: less
+    /// than half a millisecond shorter, and with a short frame as a whole part (25 ms at
+    /// 44.1 kHz are 1102.5 samples; 1102 would leave 12.5 ms frames, 1100 has 5 ms ones).
+    /// Any thread.
+    static uint32_t BlockFor(uint32_t blockMs, uint32_t sampleRate);
+    static constexpr uint32_t kBlockGrain = 20;
 
     /// The microphone's level before cleaning (dBFS, the last block's peak) and whether the
     /// gate was open at its end: for a level meter. Any thread.

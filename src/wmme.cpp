@@ -287,14 +287,7 @@ void PaStream::SetupFormat(int device, uint32_t bits, uint32_t rate, uint32_t bu
     m_samplesPerBuffer = static_cast<uint32_t>(static_cast<uint64_t>(bufferMs) * rate / 1000);
     const uint32_t bytesPerSample = m_bitsPerSample / 8;
     m_bufferSize = m_samplesPerBuffer * bytesPerSample;
-    m_format = StreamFormat{};
-    m_format.formatTag = kStreamFormatPcm;
-    m_format.channels = 1;
-    m_format.samplesPerSec = rate;
-    m_format.blockAlign = static_cast<uint16_t>(bytesPerSample);
-    m_format.avgBytesPerSec = bytesPerSample * rate;
-    m_format.bitsPerSample = static_cast<uint16_t>(m_bitsPerSample);
-    m_format.cbSize = 0;
+    m_format = MonoPcmFormat(rate, static_cast<uint16_t>(m_bitsPerSample));
 }
 
 void PaStream::ClearFormat()

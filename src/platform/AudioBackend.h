@@ -64,6 +64,19 @@ struct StreamFormat {
 
 constexpr uint16_t kStreamFormatPcm = 1;
 
+/// Mono PCM of `bitsPerSample` (a multiple of 8) at `samplesPerSec`.
+inline StreamFormat MonoPcmFormat(uint32_t samplesPerSec, uint16_t bitsPerSample)
+{
+    StreamFormat format;
+    format.formatTag = kStreamFormatPcm;
+    format.channels = 1;
+    format.samplesPerSec = samplesPerSec;
+    format.blockAlign = static_cast<uint16_t>(bitsPerSample / 8);
+    format.avgBytesPerSec = samplesPerSec * format.blockAlign;
+    format.bitsPerSample = bitsPerSample;
+    return format;
+}
+
 /// How a stream will queue its buffers; backends size their own buffering from it.
 struct WaveBufferShape {
     uint32_t bufferBytes = 0;

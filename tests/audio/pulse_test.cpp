@@ -130,13 +130,7 @@ TEST_F(Pulse, AWriterOnASlowerClockKeepsTheSinkFedByTheCorrectionItIsTold)
     int speakers = kNoDevice;
     ASSERT_EQ(PaGetDevNByName("Speakers", 2, speakers), kMmeSuccess);
     const std::shared_ptr<ThreadMessageQueue> queue = ThreadMessageQueue::Create();
-    StreamFormat format;
-    format.formatTag = kStreamFormatPcm;
-    format.channels = 1;
-    format.samplesPerSec = kRate;
-    format.avgBytesPerSec = kRate * 2;
-    format.blockAlign = 2;
-    format.bitsPerSample = 16;
+    const StreamFormat format = MonoPcmFormat(kRate, 16);
 
     struct Run {
         uint64_t underruns = 0;

@@ -46,7 +46,7 @@ protected:
             GTEST_FAIL() << "espeak-ng and sox are needed to make the spoken sample";
     }
 
-    uint32_t Block() const { return GetParam() * kRate / 1000; }
+    uint32_t Block() const { return VoiceCleaner::BlockFor(GetParam(), kRate); }
 
     static inline test::NoisyScene s_scene;
 };
@@ -124,6 +124,16 @@ TEST(VoiceCleanerFrame, DelaysByAWholePartOfTheBlockOfAtMostAnEighthOfASecondWhe
     }
     EXPECT_EQ(VoiceCleaner::FrameFor(1102, kRate), 551U);
     EXPECT_EQ(VoiceCleaner::FrameFor(220, kRate), 220U);
+    // The service's blocks have a short frame as a whole part: at most 10 ms of delay from
+    // 5 ms blocks on, 5 ms at the default 25 ms.
+    EXPECT_EQ(VoiceCleaner::BlockFor(25, kRate), 1100U);
+    EXPECT_EQ(VoiceCleaner::FrameFor(VoiceCleaner::BlockFor(25, kRate), kRate), 220U);
+    for (uint32_t ms = 5; ms <= 200; ++ms) {
+        SCOPED_TRACE(std::to_string(ms) + " ms");
+        const uint32_t block = VoiceCleaner::BlockFor(ms, kRate);
+        EXPECT_GT(block * 1000 + 500 * kRate / 1000, ms * kRate) << "more than half a millisecond shorter";
+        EXPECT_LE(VoiceCleaner::FrameFor(block, kRate), kRate / 100);
+    }
 }
 
 TEST(VoiceCleanerSettings, ValuesFromAFileAreKeptInRange)
