@@ -21,10 +21,13 @@ namespace larimo {
 
 namespace {
 
-// How far the least that waited ahead of the sink over a second may exceed the lead before the
-// surplus is skipped; a single figure may exceed it twice over. Enough that the ordinary swing
-// of arriving buffers never costs a skip.
+// How far a single figure of what waits ahead of the sink may exceed the lead by more than
+// twice this before the surplus is skipped: enough that the ordinary swing of arriving buffers
+// (about a recording fragment) never costs a skip.
 constexpr uint32_t kTrimSlackMs = 6;
+// How far the least that waited ahead over a second may exceed the lead before the surplus is
+// skipped: the least swings by a fraction of a millisecond from one second to the next.
+constexpr uint32_t kSettledSlackMs = 2;
 
 bool ToSampleSpec(const StreamFormat& format, pa_sample_spec& sampleSpec)
 {
@@ -379,6 +382,7 @@ public:
         m_align = align;
         m_bytesPerSecond = format.avgBytesPerSec;
         m_slack = kTrimSlackMs * format.avgBytesPerSec / 1000 / align * align;
+        m_settledSlack = kSettledSlackMs * format.avgBytesPerSec / 1000 / align * align;
         m_leadDue = lead > 0;
         const pa_buffer_attr attr = BufferAttrLocked();
         if (!CreateWakeLocked([](pa_mainloop_api*, pa_io_event*, int fd, pa_io_event_flags_t, void* self) {
@@ -484,7 +488,7 @@ private:
         if (ahead > m_leadBytes + 2 * m_slack)
             excess = ahead - m_leadBytes - m_slack;
         else if (m_clock.LeastAhead(least) && least > 0 &&
-                 static_cast<uint64_t>(least) * m_align > m_leadBytes + m_slack)
+                 static_cast<uint64_t>(least) * m_align > m_leadBytes + m_settledSlack)
             excess = static_cast<uint64_t>(least) * m_align - m_leadBytes;
         excess = excess / m_align * m_align;
         uint64_t skipped = 0;
@@ -581,6 +585,7 @@ private:
     std::atomic<int64_t> m_correction{0};
     uint32_t m_leadBytes = 0;  // the lead now
     uint32_t m_slack = 0;
+    uint32_t m_settledSlack = 0;
     uint32_t m_align = 1;
     uint64_t m_bytesPerSecond = 0;
     bool m_leadDue = false;
