@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Against the private sound server that the CTest fixture starts (scripts/test-soundserver.sh).
 #include "SelectDefSound/SoundDevices.h"
+#include "VoiceCleaner.h"
 #include "defsnc.h"
 #include "platform/ThreadMessages.h"
 #include "platform/pulse/PulseBackend.h"
@@ -116,6 +117,84 @@ TEST_F(Pulse, PlayedSignalComesBackThroughTheMonitorWithAMeasuredDelay)
     std::printf("loopback: burst found %.1f ms off its written position (correlation %.3f)\n", offsetMs, best);
 }
 
+// A writer that hands the speakers a block at a time, paced by a clock of its own.
+struct PacedWriter {
+    uint32_t block = 441;
+    uint32_t leadMs = 12;
+    double seconds = 10;
+    double slow = 0;       // how much slower its clock runs than the sink's
+    bool corrected = true; // each block grows or shrinks by what the device asks
+    bool stall = false;    // a quarter of the way in it stalls for 60 ms, then catches up
+};
+
+// What it met.
+struct PacedRun {
+    uint64_t underruns = 0;
+    uint64_t lateUnderruns = 0; // in the second half
+    double framesPerSecond = 0; // the correction over the second half
+};
+
+PacedRun PlayPaced(const PacedWriter& writer)
+{
+    constexpr uint32_t kRate = 44100;
+    constexpr uint32_t kMaxStretch = 4;
+    PacedRun run;
+    int speakers = kNoDevice;
+    if (PaGetDevNByName("Speakers", 2, speakers) != kMmeSuccess) {
+        ADD_FAILURE() << "no speakers";
+        return run;
+    }
+    const std::shared_ptr<ThreadMessageQueue> queue = ThreadMessageQueue::Create();
+    std::unique_ptr<WaveOutDevice> out;
+    if (CurrentAudioBackend()->OpenWaveOut(speakers, MonoPcmFormat(kRate, 16),
+                                           {writer.block * 2, 1, kRate * writer.leadMs / 1000 * 2}, queue->Id(),
+                                           out) != kMmOk) {
+        ADD_FAILURE() << "the speakers cannot be opened";
+        queue->Unregister();
+        return run;
+    }
+    std::vector<WaveHeader> headers(16);
+    std::vector<int16_t> data(headers.size() * (writer.block + kMaxStretch), 3000);
+    for (size_t i = 0; i < headers.size(); ++i) {
+        headers[i].data = reinterpret_cast<char*>(data.data() + i * (writer.block + kMaxStretch));
+        out->PrepareHeader(headers[i]);
+    }
+    const auto period = std::chrono::duration<double>(writer.block / (kRate * (1.0 - writer.slow)));
+    const int blocks = static_cast<int>(writer.seconds * kRate / writer.block);
+    const auto start = std::chrono::steady_clock::now();
+    int64_t applied = 0;
+    int64_t appliedAtHalf = 0;
+    uint64_t underrunsAtHalf = 0;
+    size_t next = 0;
+    for (int block = 0; block < blocks; ++block) {
+        std::this_thread::sleep_until(start +
+                                      std::chrono::duration_cast<std::chrono::steady_clock::duration>(period * block));
+        if (writer.stall && block == blocks / 4)
+            std::this_thread::sleep_for(std::chrono::milliseconds(60));
+        if (block == blocks / 2) {
+            appliedAtHalf = applied;
+            underrunsAtHalf = out->Underruns();
+        }
+        WaveHeader& header = headers[next];
+        next = (next + 1) % headers.size();
+        if ((header.flags.load() & kWhdrInQueue) != 0)
+            continue; // the device still holds it: a lost block, which the test tells by under-runs
+        int64_t stretch = 0;
+        if (writer.corrected)
+            stretch = std::clamp<int64_t>(out->ClockCorrectionFrames() - applied, -int64_t{kMaxStretch}, kMaxStretch);
+        applied += stretch;
+        header.bufferLength = static_cast<uint32_t>(writer.block + stretch) * 2;
+        EXPECT_EQ(out->Write(header), kMmOk);
+    }
+    run.underruns = out->Underruns();
+    run.lateUnderruns = run.underruns - underrunsAtHalf;
+    run.framesPerSecond = static_cast<double>(applied - appliedAtHalf) / (writer.seconds / 2);
+    out->Reset();
+    out->Close();
+    queue->Unregister();
+    return run;
+}
+
 // A writer whose clock runs 0.3 % slow against the sink's, as a microphone's may against the
 // virtual microphone's: without the correction the device asks for, it runs dry again and
 // again; with it, the sink is fed and the correction matches the difference of the clocks.
@@ -123,83 +202,36 @@ TEST_F(Pulse, PlayedSignalComesBackThroughTheMonitorWithAMeasuredDelay)
 // skips the surplus and goes on as before.
 TEST_F(Pulse, AWriterOnASlowerClockKeepsTheSinkFedByTheCorrectionItIsTold)
 {
-    constexpr uint32_t kRate = 44100;
-    constexpr uint32_t kBlock = 441;
-    constexpr uint32_t kMaxStretch = 4;
     constexpr double kSlow = 0.003;
-    int speakers = kNoDevice;
-    ASSERT_EQ(PaGetDevNByName("Speakers", 2, speakers), kMmeSuccess);
-    const std::shared_ptr<ThreadMessageQueue> queue = ThreadMessageQueue::Create();
-    const StreamFormat format = MonoPcmFormat(kRate, 16);
-
-    struct Run {
-        uint64_t underruns = 0;
-        uint64_t lateUnderruns = 0; // in the second half
-        double framesPerSecond = 0; // the correction over the second half
-    };
-    const auto play = [&](double seconds, bool corrected) {
-        std::unique_ptr<WaveOutDevice> out;
-        Run run;
-        if (CurrentAudioBackend()->OpenWaveOut(speakers, format, {kBlock * 2, 1, kRate * 12 / 1000 * 2}, queue->Id(),
-                                               out) != kMmOk) {
-            ADD_FAILURE() << "the speakers cannot be opened";
-            return run;
-        }
-        std::vector<WaveHeader> headers(16);
-        std::vector<int16_t> data(headers.size() * (kBlock + kMaxStretch), 3000);
-        for (size_t i = 0; i < headers.size(); ++i) {
-            headers[i].data = reinterpret_cast<char*>(data.data() + i * (kBlock + kMaxStretch));
-            out->PrepareHeader(headers[i]);
-        }
-        const auto period = std::chrono::duration<double>(kBlock / (kRate * (1.0 - kSlow)));
-        const auto start = std::chrono::steady_clock::now();
-        int64_t applied = 0;
-        int64_t appliedAtHalf = 0;
-        uint64_t underrunsAtHalf = 0;
-        size_t next = 0;
-        for (int block = 0; block < static_cast<int>(seconds * kRate / kBlock); ++block) {
-            std::this_thread::sleep_until(start + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-                                                      period * block));
-            if (block == static_cast<int>(seconds * kRate / kBlock / 4))
-                std::this_thread::sleep_for(std::chrono::milliseconds(60));
-            if (block == static_cast<int>(seconds * kRate / kBlock / 2)) {
-                appliedAtHalf = applied;
-                underrunsAtHalf = out->Underruns();
-            }
-            WaveHeader& header = headers[next];
-            next = (next + 1) % headers.size();
-            if ((header.flags.load() & kWhdrInQueue) != 0)
-                continue; // the device still holds it: a lost block, which the test tells by under-runs
-            int64_t stretch = 0;
-            if (corrected)
-                stretch = std::clamp<int64_t>(out->ClockCorrectionFrames() - applied, -int64_t{kMaxStretch},
-                                              kMaxStretch);
-            applied += stretch;
-            header.bufferLength = static_cast<uint32_t>(kBlock + stretch) * 2;
-            EXPECT_EQ(out->Write(header), kMmOk);
-        }
-        run.underruns = out->Underruns();
-        run.lateUnderruns = run.underruns - underrunsAtHalf;
-        run.framesPerSecond = static_cast<double>(applied - appliedAtHalf) / (seconds / 2);
-        out->Reset();
-        out->Close();
-        return run;
-    };
-
+    constexpr double kRate = 44100;
     // The lead grows with every under-run, so they come ever more seldom; still the plain run
     // meets one in its second half. The matched one may meet one while it starts, never later.
-    const Run plain = play(12, false);
+    const PacedRun plain = PlayPaced({.seconds = 12, .slow = kSlow, .corrected = false, .stall = true});
     EXPECT_GE(plain.lateUnderruns, 1u) << "the slow writer should run the sink dry without the correction";
-    const Run matched = play(16, true);
+    const PacedRun matched = PlayPaced({.seconds = 16, .slow = kSlow, .corrected = true, .stall = true});
     EXPECT_EQ(matched.lateUnderruns, 0u);
     EXPECT_NEAR(matched.framesPerSecond, kSlow * kRate, kSlow * kRate * 0.4);
     std::printf("slow writer: %llu under-runs plain (%llu late), %llu matched (%llu late), correction %.1f frames/s "
                 "(%.0f expected)\n",
                 static_cast<unsigned long long>(plain.underruns), static_cast<unsigned long long>(plain.lateUnderruns),
                 static_cast<unsigned long long>(matched.underruns),
-                static_cast<unsigned long long>(matched.lateUnderruns),
-                matched.framesPerSecond, kSlow * kRate);
-    queue->Unregister();
+                static_cast<unsigned long long>(matched.lateUnderruns), matched.framesPerSecond, kSlow * kRate);
+}
+
+// Chat programs record in fragments of 10 to 40 ms. However long they are, the sink must not
+// take more of the stream at once than its lead holds: the service's own blocks and lead, 25 ms
+// and 5 ms, while a program records the speakers' monitor in 40 ms fragments.
+TEST_F(Pulse, AProgramRecordingInLongFragmentsNeverRunsTheSinkDry)
+{
+    const std::string recorder = test::Shell("parec --latency-msec=40 --device=speakers.monitor >/dev/null "
+                                             "2>&1 & echo $!");
+    ASSERT_FALSE(recorder.empty());
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    for (const uint32_t block : {VoiceCleaner::BlockFor(25, 44100), VoiceCleaner::BlockFor(5, 44100)}) {
+        const PacedRun run = PlayPaced({.block = block, .leadMs = 6, .seconds = 6});
+        EXPECT_EQ(run.underruns, 0u) << "blocks of " << block << " samples";
+    }
+    test::Shell("kill " + recorder);
 }
 
 TEST_F(Pulse, VirtualMicrophoneIsMadeOnceAndBecomesTheDefaultRecordingDevice)

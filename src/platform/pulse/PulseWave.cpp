@@ -391,10 +391,11 @@ public:
                 static_cast<PulseWaveOut*>(self)->PumpLocked();
             }, this))
             return kMmNoMem;
-        // With a lead, the server's clock tells how much waits ahead of the sink (BalanceLocked).
+        // With a lead, the server's clock tells how much waits ahead of the sink (BalanceLocked),
+        // and the sink's latency is set by minreq (BufferAttrLocked).
         const auto flags = static_cast<pa_stream_flags_t>(
-            PA_STREAM_ADJUST_LATENCY |
-            (lead == 0 ? PA_STREAM_NOFLAGS : PA_STREAM_AUTO_TIMING_UPDATE | PA_STREAM_INTERPOLATE_TIMING));
+            lead == 0 ? PA_STREAM_ADJUST_LATENCY
+                      : PA_STREAM_EARLY_REQUESTS | PA_STREAM_AUTO_TIMING_UPDATE | PA_STREAM_INTERPOLATE_TIMING);
         if (pa_stream_connect_playback(m_stream, sink.empty() ? nullptr : sink.c_str(), &attr, flags,
                                        nullptr, nullptr) < 0 ||
             !m_context->WaitStreamReadyLocked(m_stream))
@@ -510,17 +511,19 @@ private:
     }
 
     // The server holds the buffers written ahead plus the lead and its slack; anything beyond
-    // waits here. The sink's own latency follows from this target, so it must not be larger
-    // than the lead in use: a null sink, for one, hands on what it plays in pieces that long.
+    // waits here. With early requests the sink's latency is minreq: the sink takes what it plays
+    // at most that far ahead of its clock, whatever the programs that record from it ask for (a
+    // null sink hands on what it plays in pieces that long). A third of the lead leaves the rest
+    // for a late block; left to the recording programs, one that records in 20 ms fragments let
+    // the sink take 15 ms at once and the stream ran dry every few seconds.
     pa_buffer_attr BufferAttrLocked() const
     {
         pa_buffer_attr attr{};
         attr.maxlength = static_cast<uint32_t>(-1);
         attr.tlength = m_written + (m_leadBytes == 0 ? 0 : m_leadBytes + m_slack);
         attr.prebuf = m_prebuf + m_leadBytes;
-        // With a lead the rest of a buffer that did not fit must follow soon, not a buffer later.
-        attr.minreq = m_leadBytes == 0 ? m_prebuf
-                                       : std::max(m_align, std::min(m_prebuf, m_leadBytes) / 2 / m_align * m_align);
+        // With a lead the rest of a buffer that did not fit follows soon, not a buffer later.
+        attr.minreq = m_leadBytes == 0 ? m_prebuf : std::max(m_align, m_leadBytes / 3 / m_align * m_align);
         attr.fragsize = static_cast<uint32_t>(-1);
         return attr;
     }
