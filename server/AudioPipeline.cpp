@@ -47,7 +47,7 @@ constexpr uint32_t kMaxOutputQueued = 4;
 constexpr uint32_t kOutputLeadMs = 6;
 // Under-runs this soon after resuming belong to the pause, not to the voice.
 constexpr uint32_t kResumeGraceMs = 50;
-constexpr int64_t kUnderrunLogEveryNs = 10'000'000'000;
+constexpr int64_t kGapLogEveryNs = 10'000'000'000;
 constexpr int64_t kMinStallNs = 1'000'000'000;
 // Some sources take a while to send their first data (a Bluetooth headset switching profile,
 // a monitor of a sink that ran with a long latency until now); reopening then only starts the
@@ -221,7 +221,7 @@ struct AudioPipeline::Control {
             ManageIdle();
             HintRecording();
             ReapPlans();
-            LogUnderruns(false);
+            LogGaps(false);
         }
         CloseSession();
         DrainAudioNews();
@@ -237,28 +237,36 @@ struct AudioPipeline::Control {
                 static_cast<unsigned long long>(m_monitorUnderruns.load()));
     }
 
-    // News of under-runs at most every few seconds, so a struggling machine does not also
-    // fill the log; `now` reports whatever is new at once.
-    void LogUnderruns(bool now)
+    // News of gaps (under-runs of either device, blocks dropped behind a stall) at most every
+    // few seconds, so a struggling machine does not also fill the log; `now` reports whatever
+    // is new at once.
+    void LogGaps(bool now)
     {
-        const uint64_t count = m_underruns.load(std::memory_order_relaxed);
-        const uint64_t monitorCount = m_monitorUnderruns.load(std::memory_order_relaxed);
-        if (count == m_loggedUnderruns && monitorCount == m_loggedMonitorUnderruns)
-            return;
+        struct Gap {
+            const std::atomic<uint64_t>& count;
+            uint64_t& logged;
+            const char* what;
+        };
+        const Gap gaps[] = {
+            {m_underruns, m_loggedUnderruns, "the virtual microphone ran out of data"},
+            {m_monitorUnderruns, m_loggedMonitorUnderruns, "the listen-in device ran out of data"},
+            {m_outputDropped, m_loggedDropped, "a block was dropped to catch up after a stall"},
+        };
+        const bool news = std::any_of(std::begin(gaps), std::end(gaps), [](const Gap& gap) {
+            return gap.count.load(std::memory_order_relaxed) != gap.logged;
+        });
         const int64_t time = NowNs();
-        if (!now && time < m_nextUnderrunLogNs)
+        if (!news || (!now && time < m_nextGapLogNs))
             return;
-        if (count != m_loggedUnderruns)
-            LogWarning("AudioPipeline: the virtual microphone ran out of data %llu times (%llu since the last report)",
-                       static_cast<unsigned long long>(count),
-                       static_cast<unsigned long long>(count - m_loggedUnderruns));
-        if (monitorCount != m_loggedMonitorUnderruns)
-            LogWarning("AudioPipeline: the listen-in device ran out of data %llu times (%llu since the last report)",
-                       static_cast<unsigned long long>(monitorCount),
-                       static_cast<unsigned long long>(monitorCount - m_loggedMonitorUnderruns));
-        m_loggedUnderruns = count;
-        m_loggedMonitorUnderruns = monitorCount;
-        m_nextUnderrunLogNs = time + kUnderrunLogEveryNs;
+        for (const Gap& gap : gaps) {
+            const uint64_t count = gap.count.load(std::memory_order_relaxed);
+            if (count == gap.logged)
+                continue;
+            LogWarning("AudioPipeline: %s %llu times (%llu since the last report)", gap.what,
+                       static_cast<unsigned long long>(count), static_cast<unsigned long long>(count - gap.logged));
+            gap.logged = count;
+        }
+        m_nextGapLogNs = time + kGapLogEveryNs;
     }
 
     int64_t Tick() const
@@ -753,7 +761,7 @@ struct AudioPipeline::Control {
         LogClockMatch(*m_session);
         ShutDevices(*m_session);
         m_session.reset();
-        LogUnderruns(true);
+        LogGaps(true);
         m_runningBlock.store(0, std::memory_order_relaxed);
         m_idle.store(false, std::memory_order_relaxed);
         m_loggedIdle = false;
@@ -999,7 +1007,8 @@ struct AudioPipeline::Control {
     std::string m_lastOpenFailure;
     uint64_t m_loggedUnderruns = 0;
     uint64_t m_loggedMonitorUnderruns = 0;
-    int64_t m_nextUnderrunLogNs = 0;
+    uint64_t m_loggedDropped = 0;
+    int64_t m_nextGapLogNs = 0;
 
     // Between the threads.
     std::atomic<MixPlan*> m_latest{nullptr};

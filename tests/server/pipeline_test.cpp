@@ -6,9 +6,12 @@
 
 #include "audio/AudioTestSupport.h"
 #include "config.h"
+#include "mlog.h"
 #include "modb.h"
 
 #include <gtest/gtest.h>
+
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -450,9 +453,12 @@ TEST_F(PipelineTest, FollowsTheBackendsRecorderCountWithoutAsking)
 }
 
 // Under-runs of the virtual microphone count while the voice flows; those of a pause, when the
-// pipeline stops feeding it on purpose, do not.
+// pipeline stops feeding it on purpose, do not. The log says how many there were.
 TEST_F(PipelineTest, CountsUnderrunsOnlyWhileTheVirtualMicrophoneIsFed)
 {
+    const std::string logPath = (std::filesystem::temp_directory_path() /
+                                 ("larimo-pipeline-gaps-" + std::to_string(getpid()) + ".log")).string();
+    LogOpen(logPath, false, false, false, false, false);
     auto counting = std::make_shared<CountingAudio>(m_audio);
     SetAudioBackend(counting);
     counting->count->store(1);
@@ -475,6 +481,14 @@ TEST_F(PipelineTest, CountsUnderrunsOnlyWhileTheVirtualMicrophoneIsFed)
 
     m_audio->SimulateUnderrun(kVirtualOut);
     EXPECT_TRUE(Eventually([this] { return m_pipeline->GetStats().underruns == 3; }));
+
+    m_pipeline.reset();
+    LogOpen("", false, false, false, false, false);
+    std::ifstream file(logPath);
+    const std::string log((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    std::filesystem::remove(logPath);
+    EXPECT_NE(log.find("AudioPipeline: the virtual microphone ran out of data 3 times ("), std::string::npos) << log;
+    EXPECT_EQ(log.find("dropped to catch up"), std::string::npos) << log;
 }
 
 // A device that plays by a clock of its own asks for more (or fewer) samples than the voice
