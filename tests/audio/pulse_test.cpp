@@ -22,6 +22,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <mutex>
 #include <random>
 #include <sstream>
 #include <thread>
@@ -232,6 +233,34 @@ TEST_F(Pulse, AProgramRecordingInLongFragmentsNeverRunsTheSinkDry)
         EXPECT_EQ(run.underruns, 0u) << "blocks of " << block << " samples";
     }
     test::Shell("kill " + recorder);
+}
+
+// The source hands on what it records in pieces of its own, which never quite match a short
+// buffer. Were the fragment as long as the buffer, now and then a buffer would wait for the next
+// piece and come a whole buffer late, with the next right behind it (at 5 ms buffers about once
+// a second once the recording runs); shorter fragments keep 5 ms buffers coming every 5 ms.
+TEST_F(Pulse, ShortRecordingBuffersComeAtAnEvenPace)
+{
+    test::CallbackEngine engine;
+    std::mutex mutex;
+    std::vector<std::chrono::steady_clock::time_point> arrivals;
+    engine.m_onInput = [&](PaBuffer) {
+        std::lock_guard lock(mutex);
+        arrivals.push_back(std::chrono::steady_clock::now());
+    };
+    ASSERT_EQ(engine.StartEngine(), kMmeSuccess);
+    PaStreamIn in;
+    ASSERT_TRUE(test::StartRecording(engine, in, "Microphone (Test)", 5, 8));
+    std::this_thread::sleep_for(std::chrono::seconds(8));
+    in.Stop();
+    in.Close();
+    std::lock_guard lock(mutex);
+    ASSERT_GT(arrivals.size(), 300u) << "the recording should run for seconds";
+    int late = 0;
+    for (size_t i = 100; i < arrivals.size(); ++i)
+        late += arrivals[i] - arrivals[i - 1] >= std::chrono::microseconds(8500) ? 1 : 0;
+    std::printf("5 ms buffers: %d of %zu came more than 8.5 ms after the one before\n", late, arrivals.size() - 100);
+    EXPECT_LE(late, 2);
 }
 
 TEST_F(Pulse, VirtualMicrophoneIsMadeOnceAndBecomesTheDefaultRecordingDevice)

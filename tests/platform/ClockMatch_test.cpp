@@ -14,7 +14,7 @@ constexpr int64_t kSecond = 1'000'000'000;
 
 // A writer that delivers blocks of `block` frames by its own clock to a device whose sink plays
 // `drift` (a share: 0.0004 is 400 ppm) faster. The device's figure swings by up to a recording
-// fragment (a quarter block, 5 ms at least) as it does on a sound server; the writer adds or
+// fragment (a quarter block, 2.5 ms at least) as it does on a sound server; the writer adds or
 // leaves out up to one frame in 128 per block, as the voice service does.
 struct Simulation {
     double drift = 0;
@@ -36,7 +36,7 @@ struct Simulation {
         : drift(clockDrift)
         , block(blockFrames)
         , lead(leadFrames)
-        , swing(std::max<int64_t>(blockFrames / 4, 220))
+        , swing(std::max<int64_t>(blockFrames / 4, 110))
         , maxStretch(std::max<int64_t>(blockFrames / 128, 1))
         , fill(static_cast<double>(leadFrames + blockFrames))
     {
