@@ -29,6 +29,13 @@ constexpr uint32_t kTrimSlackMs = 6;
 // skipped: the least swings by a fraction of a millisecond from one second to the next.
 constexpr uint32_t kSettledSlackMs = 2;
 
+// The whole frames of `format` that play in `micros` microseconds.
+uint32_t AlignedBytes(const StreamFormat& format, uint64_t micros)
+{
+    const uint32_t align = std::max<uint16_t>(format.blockAlign, 1);
+    return static_cast<uint32_t>(micros * format.avgBytesPerSec / 1'000'000 / align * align);
+}
+
 bool ToSampleSpec(const StreamFormat& format, pa_sample_spec& sampleSpec)
 {
     if (format.formatTag != kStreamFormatPcm)
@@ -245,7 +252,7 @@ public:
         // in the median instead of 8.5 ms).
         const uint32_t align = std::max<uint16_t>(format.blockAlign, 1);
         const uint32_t buffer = std::max<uint32_t>(shape.bufferBytes, align);
-        const uint32_t floor = format.avgBytesPerSec / 400 / align * align; // 2.5 ms
+        const uint32_t floor = AlignedBytes(format, 2500);
         attr.fragsize = std::min(buffer, std::max({buffer / 4 / align * align, floor, align}));
         m_activeFragment = attr.fragsize;
         m_idleFragment = buffer;
@@ -385,8 +392,8 @@ public:
         m_leadBytes = lead;
         m_align = align;
         m_bytesPerSecond = format.avgBytesPerSec;
-        m_slack = kTrimSlackMs * format.avgBytesPerSec / 1000 / align * align;
-        m_settledSlack = kSettledSlackMs * format.avgBytesPerSec / 1000 / align * align;
+        m_slack = AlignedBytes(format, kTrimSlackMs * 1000);
+        m_settledSlack = AlignedBytes(format, kSettledSlackMs * 1000);
         m_leadDue = lead > 0;
         const pa_buffer_attr attr = BufferAttrLocked();
         if (!CreateWakeLocked([](pa_mainloop_api*, pa_io_event*, int fd, pa_io_event_flags_t, void* self) {
@@ -519,7 +526,7 @@ private:
     // at most that far ahead of its clock, whatever the programs that record from it ask for (a
     // null sink hands on what it plays in pieces that long). A third of the lead leaves the rest
     // for a late block; left to the recording programs, one that records in 20 ms fragments let
-    // the sink take 15 ms at once and the stream ran dry every few seconds.
+    // the sink take 15 ms at once and the stream ran dry five times a minute.
     pa_buffer_attr BufferAttrLocked() const
     {
         pa_buffer_attr attr{};
