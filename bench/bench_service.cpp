@@ -3,7 +3,8 @@
 //  - latency from the microphone to Larimo Microphone: clicks played into the fake microphone
 //    are timed as they arrive, once on the microphone's own monitor and once on the virtual
 //    microphone; both are recorded the same way, so the difference is what the service adds.
-//    At 25 ms and at 5 ms blocks ([stream] inBuffSizeMs of config.ini).
+//    At 25 ms and at 5 ms blocks ([stream] inBuffSizeMs of config.ini), with noise suppression
+//    on (the default; it delays the voice by one of its frames) and off.
 //  - CPU of LarimoServer (utime + stime of /proc/<pid>/stat) while a pitch effect, a background
 //    sound and two fun sounds play and somebody records, and while nobody records (idle).
 //    --cpu_seconds=N sets how long the busy case runs (default 10; 600 for the long run).
@@ -208,7 +209,7 @@ double CpuPercent(pid_t pid, double seconds)
 
 class Service {
 public:
-    Service(const fs::path& root, uint32_t blockMs)
+    Service(const fs::path& root, uint32_t blockMs, bool noiseSuppression = true)
         : m_folder(root / ("app" + std::to_string(blockMs)))
     {
         const fs::path app(LARIMO_APP_DIR);
@@ -228,7 +229,9 @@ public:
                                               << "\n[effects]\neff_0=Chipmunk\n"
                                                  "[sound_0]\nfile=Hum.wav\nvolume=100\n"
                                                  "[emotics]\nnum=2\nname_0=Beep\nfile_0=Beep.wav\n"
-                                                 "name_1=Tune\nfile_1=Tune.wav\n";
+                                                 "name_1=Tune\nfile_1=Tune.wav\n"
+                                              << "[voice]\nnoiseSuppression=" << (noiseSuppression ? 1 : 0)
+                                              << "\n";
         m_pid = fork();
         if (m_pid == 0) {
             const std::string program = (m_folder / "LarimoServer").string();
@@ -290,9 +293,10 @@ private:
     pid_t m_pid = -1;
 };
 
-std::string LatencyName(uint32_t blockMs, bool withEffect)
+std::string LatencyName(uint32_t blockMs, bool withEffect, bool noiseSuppression)
 {
-    return "ServiceLatency/block_ms:" + std::to_string(blockMs) + (withEffect ? "/chipmunk" : "/dry");
+    return "ServiceLatency/block_ms:" + std::to_string(blockMs) + (withEffect ? "/chipmunk" : "/dry") +
+           (noiseSuppression ? "" : "/noise_suppression_off");
 }
 
 std::string SoakName(uint32_t blockMs, bool load)
@@ -301,11 +305,11 @@ std::string SoakName(uint32_t blockMs, bool load)
 }
 
 // The delay from the microphone to the virtual microphone, dry or through the Chipmunk pitch
-// effect of slot 1.
-Result MeasureLatency(const fs::path& root, uint32_t blockMs, bool withEffect)
+// effect of slot 1, with or without noise suppression.
+Result MeasureLatency(const fs::path& root, uint32_t blockMs, bool withEffect, bool noiseSuppression)
 {
-    Result result{LatencyName(blockMs, withEffect), {}};
-    Service service(root, blockMs);
+    Result result{LatencyName(blockMs, withEffect, noiseSuppression), {}};
+    Service service(root, blockMs, noiseSuppression);
     if (!service.Ok() || (withEffect && service.Ctl("effect 1") != 0)) {
         std::fprintf(stderr, "bench_service: the voice service did not start\n");
         return result;
@@ -343,7 +347,9 @@ Result MeasureLatency(const fs::path& root, uint32_t blockMs, bool withEffect)
                        {"clicks_arrived", static_cast<double>(delays.size())},
                        {"median_ms", Percentile(delays, 0.5)},
                        {"p99_ms", Percentile(delays, 0.99)},
-                       {"goal_ms", (blockMs >= 25 ? 40.0 : 15.0) + (withEffect ? 5.0 : 0.0)}};
+                       // Noise suppression may add one of its frames (5 ms here), at most a block.
+                       {"goal_ms", (blockMs >= 25 ? 40.0 : 15.0) + (withEffect ? 5.0 : 0.0) +
+                                       (noiseSuppression ? 5.0 : 0.0)}};
     service.Stop(&result);
     return result;
 }
@@ -476,10 +482,12 @@ int main(int argc, char** argv)
         setenv("PULSE_SERVER", ("unix:" + (root / "sound" / "native").string()).c_str(), 1);
         setenv("LARIMO_OBJECT_NAMESPACE", ("bench" + std::to_string(getpid())).c_str(), 1);
         const auto wanted = [&filter](const std::string& name) { return name.find(filter) != std::string::npos; };
-        for (const bool withEffect : {false, true}) {
-            for (const uint32_t blockMs : {25u, 5u}) {
-                if (wanted(LatencyName(blockMs, withEffect)))
-                    results.push_back(MeasureLatency(root, blockMs, withEffect));
+        for (const bool noiseSuppression : {true, false}) {
+            for (const bool withEffect : {false, true}) {
+                for (const uint32_t blockMs : {25u, 5u}) {
+                    if (wanted(LatencyName(blockMs, withEffect, noiseSuppression)))
+                        results.push_back(MeasureLatency(root, blockMs, withEffect, noiseSuppression));
+                }
             }
         }
         if (wanted("ServiceCpu/")) {

@@ -661,7 +661,8 @@ struct AudioPipeline::Control {
         session->monPool.Allocate(session->monitor ? devices.monCount : 0, outSamples);
         session->work.assign(session->blockSamples, 0);
         session->cleaner = std::make_unique<VoiceCleaner>(session->blockSamples, kSampleRate);
-        LogInfo("AudioPipeline: the microphone is cleaned in frames of %u samples (%.1f ms of delay)",
+        LogInfo("AudioPipeline: the microphone is cleaned in frames of %u samples "
+                "(%.1f ms of delay while noise suppression is on)",
                 session->cleaner->LatencySamples(),
                 session->cleaner->LatencySamples() * 1000.0 / kSampleRate);
         for (uint32_t i = 0; i < session->inPool.count; ++i)

@@ -43,12 +43,14 @@ VoiceCleanup VoiceCleaner::Clamped(VoiceCleanup settings)
 }
 
 VoiceCleaner::VoiceCleaner(uint32_t blockSamples, uint32_t sampleRate)
-    : m_frame(FrameFor(blockSamples, sampleRate))
+    : m_frame(FrameFor(blockSamples, sampleRate)), m_undelayed(m_frame, 0)
 {
     m_state = speex_preprocess_state_init(static_cast<int>(m_frame), static_cast<int>(sampleRate));
     if (m_state == nullptr)
         throw std::bad_alloc();
     int off = 0;
+    int on = 1;
+    speex_preprocess_ctl(m_state, SPEEX_PREPROCESS_SET_DENOISE, &on);
     speex_preprocess_ctl(m_state, SPEEX_PREPROCESS_SET_AGC, &off);
     speex_preprocess_ctl(m_state, SPEEX_PREPROCESS_SET_DEREVERB, &off);
 
@@ -70,9 +72,7 @@ void VoiceCleaner::ApplySettingsRT(const VoiceCleanup& settings) noexcept
 {
     if (m_appliedOnce && settings == m_applied)
         return;
-    // Neither request allocates: they set fields the next frame reads.
-    int denoise = settings.noiseSuppression ? 1 : 0;
-    speex_preprocess_ctl(m_state, SPEEX_PREPROCESS_SET_DENOISE, &denoise);
+    // The request does not allocate: it sets a field the next frame reads.
     int suppress = -std::clamp(settings.noiseStrengthDb, kMinStrengthDb, kMaxStrengthDb);
     speex_preprocess_ctl(m_state, SPEEX_PREPROCESS_SET_NOISE_SUPPRESS, &suppress);
     if (settings.gate && (!m_appliedOnce || !m_applied.gate)) {
@@ -87,6 +87,7 @@ void VoiceCleaner::ApplySettingsRT(const VoiceCleanup& settings) noexcept
 
 void VoiceCleaner::ProcessRT(int16_t* samples, size_t count, const VoiceCleanup& settings) noexcept
 {
+    const bool wasOn = m_appliedOnce ? m_applied.noiseSuppression : settings.noiseSuppression;
     ApplySettingsRT(settings);
 
     int peak = 0;
@@ -95,18 +96,44 @@ void VoiceCleaner::ProcessRT(int16_t* samples, size_t count, const VoiceCleanup&
     m_levelDb.store(peak > 0 ? 20.0f * std::log10(static_cast<float>(peak) / 32768.0f) : -120.0f,
                     std::memory_order_relaxed);
 
-    // Whole frames go through the suppressor. A short last block (the device handed less than
-    // a block) leaves its tail to the gate alone rather than feeding a partial frame.
-    size_t done = 0;
-    while (count - done >= m_frame) {
-        speex_preprocess_run(m_state, samples + done);
-        done += m_frame;
-    }
+    SuppressRT(samples, count, wasOn);
 
     if (m_applied.gate)
         GateRT(samples, count, static_cast<float>(std::clamp(m_applied.gateThresholdDb, kMinThresholdDb,
                                                              kMaxThresholdDb)));
     m_gateOpenNow.store(!m_applied.gate || m_open, std::memory_order_relaxed);
+}
+
+void VoiceCleaner::SuppressRT(int16_t* samples, size_t count, bool wasOn) noexcept
+{
+    // Whole frames only. A short last block (the device handed less than a block) leaves its
+    // tail to the gate alone rather than feeding a partial frame.
+    const bool on = m_applied.noiseSuppression;
+    const size_t whole = count / m_frame * m_frame;
+    for (size_t at = 0; at < whole; at += m_frame) {
+        int16_t* frame = samples + at;
+        if (!on && !wasOn) {
+            // Switched off, the suppressor only listens, so it knows the room when it is
+            // switched on again; the voice passes as it came, without the frame's delay.
+            speex_preprocess_estimate_update(m_state, frame);
+            continue;
+        }
+        if (on == wasOn) {
+            speex_preprocess_run(m_state, frame);
+            continue;
+        }
+        // Switched in this block: fade from the voice as it was heard to the voice as it will
+        // be, one frame apart in time, over the whole block, so the step makes no click.
+        std::copy_n(frame, m_frame, m_undelayed.data());
+        speex_preprocess_run(m_state, frame);
+        for (size_t i = 0; i < m_frame; ++i) {
+            const float toward = (static_cast<float>(at + i) + 0.5f) / static_cast<float>(whole);
+            const float suppressed = on ? toward : 1.0f - toward;
+            const float mixed = static_cast<float>(frame[i]) * suppressed +
+                                static_cast<float>(m_undelayed[i]) * (1.0f - suppressed);
+            frame[i] = static_cast<int16_t>(std::lrint(mixed));
+        }
+    }
 }
 
 void VoiceCleaner::GateRT(int16_t* samples, size_t count, float thresholdDb) noexcept

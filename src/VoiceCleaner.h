@@ -44,11 +44,13 @@ public:
     VoiceCleaner& operator=(const VoiceCleaner&) = delete;
 
     /// Cleans `count` samples in place as `settings` say. Switching either part on or off takes
-    /// effect from this block on without a gap: the suppressor always runs, so the voice keeps
-    /// one delay whatever is switched. RT call: no allocation, no lock, no log.
+    /// effect from this block on without a gap or a click. With noise suppression off the voice
+    /// passes undelayed while the suppressor goes on learning the room; switching it moves the
+    /// voice by one frame, cross-faded over the block. RT call: no allocation, no lock, no log.
     void ProcessRT(int16_t* samples, size_t count, const VoiceCleanup& settings) noexcept;
 
-    /// How many samples the suppressor delays the voice: one of its frames, at most one block.
+    /// How many samples the suppressor delays the voice while it is on: one of its frames, at
+    /// most one block. Nothing is delayed while it is off.
     uint32_t LatencySamples() const { return m_frame; }
     /// The suppressor's frame for blocks of `blockSamples`: the smallest whole part of the
     /// block between about 5 and 12.5 ms, so the delay stays short (a shorter frame no longer
@@ -72,10 +74,12 @@ public:
 
 private:
     void ApplySettingsRT(const VoiceCleanup& settings) noexcept;
+    void SuppressRT(int16_t* samples, size_t count, bool wasOn) noexcept;
     void GateRT(int16_t* samples, size_t count, float threshold) noexcept;
 
     SpeexPreprocessState_* m_state = nullptr;
     uint32_t m_frame = 0;
+    std::vector<int16_t> m_undelayed; ///< the block as it came, for a switch's cross-fade
     VoiceCleanup m_applied;
     bool m_appliedOnce = false;
 
