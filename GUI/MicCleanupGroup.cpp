@@ -169,6 +169,10 @@ void CMicCleanupGroup::ShowValues()
     const VoiceCleanup cleanup = VoiceCleaner::Clamped(
         {m_settings.m_noiseSuppression, m_settings.m_noiseStrength, m_settings.m_gate, m_settings.m_gateThreshold});
     m_noise->setChecked(cleanup.noiseSuppression);
+    // The suppressor's frame at the service's block length: what it adds to the latency.
+    const uint32_t blockMs = m_settings.m_inBuffSizeMs != 0 ? m_settings.m_inBuffSizeMs : 25;
+    const uint32_t frame = VoiceCleaner::FrameFor(VoiceCleaner::BlockFor(blockMs, 44100), 44100);
+    m_noise->setToolTip(Filled(400, static_cast<int>(std::lround(frame * 1000.0 / 44100))));
     m_strength->setValue(cleanup.noiseStrengthDb);
     m_gate->setChecked(cleanup.gate);
     m_threshold->setValue(cleanup.gateThresholdDb);

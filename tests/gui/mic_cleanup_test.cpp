@@ -110,6 +110,7 @@ TEST_F(MicCleanupGroupTest, SwitchesAndSlidersEditTheSettingsAndSayTheyChanged)
     EXPECT_FALSE(gate->isChecked());
     EXPECT_FALSE(threshold->isEnabled()) << "the threshold means nothing while the gate is off";
     EXPECT_EQ(changed, 0) << "showing the values is no change";
+    EXPECT_NE(noise->toolTip().indexOf("5 ms later"), -1) << "the switch says what it adds to the latency";
 
     gate->click();
     threshold->setValue(-30);
