@@ -9,7 +9,9 @@
 //    sound and two fun sounds play and somebody records, and while nobody records (idle).
 //    --cpu_seconds=N sets how long the busy case runs (default 10; 600 for the long run).
 //  - with --soak_seconds=N: the under-runs of the virtual microphone in N seconds of the busy
-//    case, at 25 ms and at 5 ms blocks, alone and while another process keeps a core busy.
+//    case, at 25 ms and at 5 ms blocks, alone and while another process keeps a core busy; and
+//    beside them the stalls of the machine itself, as a thread at the highest real-time
+//    priority sees them, and how many of the under-runs came right after such a stall.
 // --benchmark_filter=TEXT runs only the cases whose name holds TEXT.
 // Every case also reports the under-runs of the virtual microphone, the blocks the service
 // dropped and how far it corrected for the virtual microphone's clock, as the service's log
@@ -23,8 +25,11 @@
 #include <pulse/simple.h>
 
 #include <fcntl.h>
+#include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -260,7 +265,7 @@ public:
         double dropped = -1;
         double underruns = -1;
         double clockPpm = 0;
-        std::ifstream log(m_folder / "larimosrv.log");
+        std::ifstream log(Log());
         const std::string marker = "AudioPipeline: stopped after ";
         const std::string clockMarker = "virtual microphone's clock (";
         for (std::string line; std::getline(log, line);) {
@@ -282,6 +287,7 @@ public:
         result->counters.emplace_back("clock_correction_ppm", clockPpm);
     }
     bool Ok() { return m_pid > 0 && Ctl("status") == 0; }
+    fs::path Log() const { return m_folder / "larimosrv.log"; }
     pid_t Pid() const { return m_pid; }
     int Ctl(const std::string& arguments)
     {
@@ -354,6 +360,137 @@ Result MeasureLatency(const fs::path& root, uint32_t blockMs, bool withEffect, b
     return result;
 }
 
+// Watches the machine itself: a thread at the highest real-time priority asks to wake every
+// millisecond and notes each time it woke late. Where even it could not run, neither could the
+// sound server's threads nor the service's: the machine stalled (on a virtual machine, its host
+// held it).
+class StallWatch {
+public:
+    static constexpr double kStallMs = 10.0;
+
+    StallWatch() : m_thread([this] { Run(); }) {}
+    ~StallWatch()
+    {
+        m_stop = true;
+        m_thread.join();
+    }
+
+    bool Realtime() const { return m_realtime; }
+    // When each stall of at least kStallMs began (NowMs) and how long it was.
+    std::vector<std::pair<double, double>> Stalls()
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_stalls;
+    }
+
+private:
+    void Run()
+    {
+        sched_param priority{};
+        priority.sched_priority = sched_get_priority_max(SCHED_FIFO);
+        m_realtime = pthread_setschedparam(pthread_self(), SCHED_FIFO, &priority) == 0;
+        timespec due{};
+        clock_gettime(CLOCK_MONOTONIC, &due);
+        while (!m_stop) {
+            due.tv_nsec += 1000000;
+            if (due.tv_nsec >= 1000000000) {
+                due.tv_nsec -= 1000000000;
+                ++due.tv_sec;
+            }
+            clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &due, nullptr);
+            timespec now{};
+            clock_gettime(CLOCK_MONOTONIC, &now);
+            const double lateMs = static_cast<double>(now.tv_sec - due.tv_sec) * 1000.0 +
+                                  static_cast<double>(now.tv_nsec - due.tv_nsec) / 1e6;
+            if (lateMs >= kStallMs) {
+                const std::lock_guard<std::mutex> lock(m_mutex);
+                m_stalls.emplace_back(NowMs() - lateMs, lateMs);
+            }
+            if (lateMs > 1.0)
+                due = now; // no burst of wake-ups to catch up
+        }
+    }
+
+    std::atomic<bool> m_stop{false};
+    std::atomic<bool> m_realtime{false};
+    std::mutex m_mutex;
+    std::vector<std::pair<double, double>> m_stalls;
+    std::thread m_thread;
+};
+
+// Follows the service's log while it runs and notes when each report of under-runs of the
+// virtual microphone appeared and how many it told of.
+class UnderrunReports {
+public:
+    explicit UnderrunReports(fs::path log) : m_log(std::move(log)), m_thread([this] { Run(); }) {}
+    ~UnderrunReports()
+    {
+        m_stop = true;
+        m_thread.join();
+    }
+
+    // (NowMs when seen, under-runs since the report before)
+    std::vector<std::pair<double, unsigned long long>> Reports()
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_reports;
+    }
+
+private:
+    void Run()
+    {
+        static const std::string marker = "the virtual microphone ran out of data ";
+        std::streamoff read = 0;
+        std::string partial;
+        while (!m_stop) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            std::ifstream log(m_log, std::ios::binary);
+            if (!log.seekg(read))
+                continue;
+            std::string fresh((std::istreambuf_iterator<char>(log)), std::istreambuf_iterator<char>());
+            read += static_cast<std::streamoff>(fresh.size());
+            partial += fresh;
+            for (size_t end; (end = partial.find('\n')) != std::string::npos; partial.erase(0, end + 1)) {
+                const std::string line = partial.substr(0, end);
+                const size_t at = line.find(marker);
+                unsigned long long all = 0;
+                unsigned long long since = 0;
+                if (at == std::string::npos)
+                    continue;
+                const char* count = line.c_str() + at + marker.size();
+                if (std::sscanf(count, "%llu times (%llu since", &all, &since) == 2) {
+                    const std::lock_guard<std::mutex> lock(m_mutex);
+                    m_reports.emplace_back(NowMs(), since);
+                }
+            }
+        }
+    }
+
+    fs::path m_log;
+    std::atomic<bool> m_stop{false};
+    std::mutex m_mutex;
+    std::vector<std::pair<double, unsigned long long>> m_reports;
+    std::thread m_thread;
+};
+
+// How many of the reported under-runs may be laid to a stall of the machine: those of a report
+// with such stalls since the report before, at most one per stall. The service reports at once,
+// or within ten seconds when it has just reported.
+double UnderrunsAtStalls(const std::vector<std::pair<double, unsigned long long>>& reports,
+                         const std::vector<std::pair<double, double>>& stalls, double since)
+{
+    double count = 0;
+    for (const auto& [seen, underruns] : reports) {
+        const double from = std::max(since, seen - 11000.0);
+        const auto between = std::count_if(stalls.begin(), stalls.end(), [&](const auto& stall) {
+            return stall.first > from && stall.first <= seen;
+        });
+        count += static_cast<double>(std::min(underruns, static_cast<unsigned long long>(between)));
+        since = seen;
+    }
+    return count;
+}
+
 // A pitch effect, a background sound and two fun sounds of 30 s, for `seconds`, the fun sounds
 // started again whenever they may have ended so that two always play.
 void PlayEverything(Service& service, double seconds)
@@ -392,14 +529,30 @@ Result MeasureSoak(const fs::path& root, uint32_t blockMs, double seconds, bool 
     }
     auto listener = std::make_unique<ClickRecorder>("larimo_mic_source");
     const double start = NowMs();
+    auto watch = std::make_unique<StallWatch>();
+    auto reports = std::make_unique<UnderrunReports>(service.Log());
     PlayEverything(service, seconds);
-    result.counters = {{"seconds", (NowMs() - start) / 1000.0}, {"goal_underruns", 0.0}};
+    const auto stalls = watch->Stalls();
+    double longest = 0;
+    for (const auto& stall : stalls)
+        longest = std::max(longest, stall.second);
+    // -1: the watching thread got no real-time priority, so its figures would say nothing.
+    const bool watched = watch->Realtime();
+    result.counters = {{"seconds", (NowMs() - start) / 1000.0},
+                       {"goal_underruns", 0.0},
+                       {"machine_stalls_over_10ms", watched ? static_cast<double>(stalls.size()) : -1.0},
+                       {"longest_machine_stall_ms", watched ? longest : -1.0}};
+    watch.reset();
     listener.reset();
     if (spinner > 0) {
         kill(spinner, SIGKILL);
         waitpid(spinner, nullptr, 0);
     }
+    // The last report comes as the service stops.
     service.Stop(&result);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    result.counters.emplace_back("underruns_right_after_a_machine_stall",
+                                 UnderrunsAtStalls(reports->Reports(), stalls, start));
     return result;
 }
 
