@@ -53,6 +53,11 @@ bool LarimoServer::CreateObjects()
     m_ipcWork = CreateOwnedMutex(ipc + "work");
     m_request = CreateNamedEvent(ipc + "req", false, false);
     m_answer = CreateNamedEvent(ipc + "answ", false, false);
+    // A panel that still holds the events keeps them, set or not. A request set while no
+    // service ran was answered as to a dead service, and its frame may be half rewritten by
+    // the client's next command by now: serving it would read a mixed frame.
+    if (m_request != 0)
+        ResetNamedEvent(m_request);
     m_emoticEvent = CreateNamedEvent(kEmoticEventName, false, false);
     m_osciEvent = CreateNamedEvent(kOsciEventName, false, false);
     const int trace = m_trace.Create(kOsciMemName, kOsciMappingSize);

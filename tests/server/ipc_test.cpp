@@ -323,11 +323,34 @@ TEST_F(ServiceLinkTest, TwoThreadsSharingTheClientNeverMixTheirFrames)
     std::ifstream log(service.Folder() / "larimosrv.log");
     std::stringstream text;
     text << log.rdbuf();
-    EXPECT_EQ(text.str().find("Rejected command"), std::string::npos) << "two commands were mixed into one frame";
+    const size_t rejected = text.str().find("Rejected command");
+    EXPECT_EQ(rejected, std::string::npos)
+        << "two commands were mixed into one frame:\n"
+        << text.str().substr(rejected > 3000 ? rejected - 3000 : 0, 3300);
     // A fresh connection to the restarted service works.
     client = ConnectToService(kIpcBaseName);
     ASSERT_NE(client, nullptr);
     EXPECT_TRUE(client->SrvUpdate());
+}
+
+// A command sent while the service was away fails at once, but the panel keeps the request
+// event set; the next service must not take it for a request of its own.
+TEST_F(ServiceLinkTest, ARequestSetWhileNoServiceRanIsNotServedByTheNextOne)
+{
+    ServiceProcess service(kConfig);
+    ASSERT_TRUE(service.Start());
+    std::shared_ptr<MoIpcCli> client = ConnectToService(kIpcBaseName);
+    ASSERT_NE(client, nullptr);
+    service.Stop(SIGTERM);
+    EXPECT_FALSE(client->EffectSelect(0, "Chipmunk"));
+    ASSERT_TRUE(service.Start());
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    std::ifstream log(service.Folder() / "larimosrv.log");
+    std::stringstream text;
+    text << log.rdbuf();
+    const size_t serving = text.str().rfind("LarimoServer::Run(): serving");
+    ASSERT_NE(serving, std::string::npos);
+    EXPECT_EQ(text.str().find("Request ", serving), std::string::npos) << text.str().substr(serving);
 }
 
 TEST_F(ServiceLinkTest, TheServiceRunsOncePerUserAndEndsCleanlyOnSigterm)
