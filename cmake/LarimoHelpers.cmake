@@ -40,7 +40,7 @@ endfunction()
 # larimo_add_test(NAME LABEL label [FIXTURES name] [ENVIRONMENT VAR=value] SOURCES ... LIBS ...): one GoogleTest program,
 # each test case registered with CTest under the given label.
 function(larimo_add_test name)
-  cmake_parse_arguments(ARG "" "LABEL;TIMEOUT;RESOURCE_LOCK;FIXTURES" "SOURCES;LIBS;ENVIRONMENT" ${ARGN})
+  cmake_parse_arguments(ARG "" "LABEL;TIMEOUT;RESOURCE_LOCK;FIXTURES;SERIAL_CASES" "SOURCES;LIBS;ENVIRONMENT" ${ARGN})
   if(NOT ARG_LABEL)
     set(ARG_LABEL unit)
   endif()
@@ -73,6 +73,19 @@ function(larimo_add_test name)
       "if(${name}_TESTS)\n"
       "  set_tests_properties(\${${name}_TESTS} PROPERTIES ENVIRONMENT [==[${ARG_ENVIRONMENT}]==])\n"
       "endif()\n")
+    set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${script}")
+  endif()
+  if(ARG_SERIAL_CASES)
+    # Cases whose names match this expression time a real stream: they run with no other test
+    # beside them, or a machine busy with those would stall the test's own writer rather than
+    # the stream it measures.
+    set(script "${CMAKE_CURRENT_BINARY_DIR}/${name}_serial.cmake")
+    file(WRITE "${script}"
+      "foreach(test IN LISTS ${name}_TESTS)\n"
+      "  if(test MATCHES [==[${ARG_SERIAL_CASES}]==])\n"
+      "    set_tests_properties(\"\${test}\" PROPERTIES RUN_SERIAL TRUE)\n"
+      "  endif()\n"
+      "endforeach()\n")
     set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${script}")
   endif()
 endfunction()

@@ -3,6 +3,7 @@
 #include "SelectDefSound/SoundDevices.h"
 #include "VoiceCleaner.h"
 #include "defsnc.h"
+#include "platform/Realtime.h"
 #include "platform/ThreadMessages.h"
 #include "platform/pulse/PulseBackend.h"
 #include "wmme.h"
@@ -12,6 +13,8 @@
 
 #include <gtest/gtest.h>
 
+#include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -160,6 +163,14 @@ PacedRun PlayPaced(const PacedWriter& writer)
         headers[i].data = reinterpret_cast<char*>(data.data() + i * (writer.block + kMaxStretch));
         out->PrepareHeader(headers[i]);
     }
+    // The service feeds the virtual microphone from threads at real-time priority: so does the
+    // writer here, or a busy test machine would stall it rather than the stream it measures.
+    sched_param before{};
+    int policyBefore = SCHED_OTHER;
+    pthread_getschedparam(pthread_self(), &policyBefore, &before);
+    MakeThreadRealtime(gettid(), AudioThreadRealtimePriority());
+    if (const unsigned streamThread = CurrentAudioBackend()->StreamThreadId(); streamThread != 0)
+        MakeThreadRealtime(static_cast<pid_t>(streamThread), AudioThreadRealtimePriority());
     const auto period = std::chrono::duration<double>(writer.block / (kRate * (1.0 - writer.slow)));
     const int blocks = static_cast<int>(writer.seconds * kRate / writer.block);
     const auto start = std::chrono::steady_clock::now();
@@ -187,6 +198,7 @@ PacedRun PlayPaced(const PacedWriter& writer)
         header.bufferLength = static_cast<uint32_t>(writer.block + stretch) * 2;
         EXPECT_EQ(out->Write(header), kMmOk);
     }
+    pthread_setschedparam(pthread_self(), policyBefore, &before);
     run.underruns = out->Underruns();
     run.lateUnderruns = run.underruns - underrunsAtHalf;
     run.framesPerSecond = static_cast<double>(applied - appliedAtHalf) / (writer.seconds / 2);
