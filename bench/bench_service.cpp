@@ -454,10 +454,10 @@ private:
             for (size_t end; (end = partial.find('\n')) != std::string::npos; partial.erase(0, end + 1)) {
                 const std::string line = partial.substr(0, end);
                 const size_t at = line.find(marker);
-                unsigned long long all = 0;
-                unsigned long long since = 0;
                 if (at == std::string::npos)
                     continue;
+                unsigned long long all = 0;
+                unsigned long long since = 0;
                 const char* count = line.c_str() + at + marker.size();
                 if (std::sscanf(count, "%llu times (%llu since", &all, &since) == 2) {
                     const std::lock_guard<std::mutex> lock(m_mutex);

@@ -79,7 +79,7 @@ private:
 
     SpeexPreprocessState_* m_state = nullptr;
     uint32_t m_frame = 0;
-    std::vector<int16_t> m_undelayed; ///< the block as it came, for a switch's cross-fade
+    std::vector<int16_t> m_undelayed; ///< a frame as it came, for a switch's cross-fade
     VoiceCleanup m_applied;
     bool m_appliedOnce = false;
 

@@ -283,10 +283,8 @@ TEST_F(ServiceLinkTest, AStaleMessageAreaOfAnotherSizeIsRefused)
     ASSERT_NE(stale, 0u);
     ServiceProcess service(kConfig);
     EXPECT_NE(service.RunToEnd(), 0) << "the service ran on a message area of another size";
-    std::ifstream log(service.Folder() / "larimosrv.log");
-    std::stringstream text;
-    text << log.rdbuf();
-    EXPECT_NE(text.str().find("exists with 4096 bytes, not 65536"), std::string::npos) << text.str();
+    const std::string log = ReadFile(service.Folder() / "larimosrv.log");
+    EXPECT_NE(log.find("exists with 4096 bytes, not 65536"), std::string::npos) << log;
     CloseObject(stale);
     // Once the old program has let go, the service starts.
     EXPECT_TRUE(service.Start());
@@ -320,13 +318,11 @@ TEST_F(ServiceLinkTest, TwoThreadsSharingTheClientNeverMixTheirFrames)
     window.join();
     events.join();
     EXPECT_GT(answered.load(), 10);
-    std::ifstream log(service.Folder() / "larimosrv.log");
-    std::stringstream text;
-    text << log.rdbuf();
-    const size_t rejected = text.str().find("Rejected command");
+    const std::string log = ReadFile(service.Folder() / "larimosrv.log");
+    const size_t rejected = log.find("Rejected command");
     EXPECT_EQ(rejected, std::string::npos)
         << "two commands were mixed into one frame:\n"
-        << text.str().substr(rejected > 3000 ? rejected - 3000 : 0, 3300);
+        << log.substr(rejected > 3000 ? rejected - 3000 : 0, 3300);
     // A fresh connection to the restarted service works.
     client = ConnectToService(kIpcBaseName);
     ASSERT_NE(client, nullptr);
@@ -345,12 +341,10 @@ TEST_F(ServiceLinkTest, ARequestSetWhileNoServiceRanIsNotServedByTheNextOne)
     EXPECT_FALSE(client->EffectSelect(0, "Chipmunk"));
     ASSERT_TRUE(service.Start());
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    std::ifstream log(service.Folder() / "larimosrv.log");
-    std::stringstream text;
-    text << log.rdbuf();
-    const size_t serving = text.str().rfind("LarimoServer::Run(): serving");
+    const std::string log = ReadFile(service.Folder() / "larimosrv.log");
+    const size_t serving = log.rfind("LarimoServer::Run(): serving");
     ASSERT_NE(serving, std::string::npos);
-    EXPECT_EQ(text.str().find("Request ", serving), std::string::npos) << text.str().substr(serving);
+    EXPECT_EQ(log.find("Request ", serving), std::string::npos) << log.substr(serving);
 }
 
 TEST_F(ServiceLinkTest, TheServiceRunsOncePerUserAndEndsCleanlyOnSigterm)
